@@ -1,0 +1,5 @@
+# Warnings for our own targets only; third-party headers come in as SYSTEM.
+add_library(qv_warnings INTERFACE)
+target_compile_options(qv_warnings INTERFACE
+  -Wall -Wextra -Wshadow=local -Wnon-virtual-dtor -Wno-missing-field-initializers
+  $<$<BOOL:${QV_WERROR}>:-Werror>)

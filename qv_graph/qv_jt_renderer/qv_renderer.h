@@ -1,0 +1,150 @@
+// qv_renderer: the one object behind each element instance. Owns the devices,
+// the FIFO engine, the encoders, the statistics and the alarm dispatcher,
+// makes the sink pads, and turns state changes into open/start/stop/close.
+#pragma once
+
+#include "qv_alarms_dispatcher.h"
+#include "qv_alsa_output_device.h"
+#include "qv_fifo_engine.h"
+#include "qv_mpln_output_device.h"
+#include "qv_pads.h"
+#include "qv_renderer_statistics.h"
+#include "qv_time_starter.h"
+#include "qv_types.h"
+#include "qv_v4l2_output_device.h"
+#include "qv_vanc_scte104_encoder.h"
+#include "qv_vanc_teletext_encoder.h"
+
+#include <gst/gst.h>
+#include <gst/video/video.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct _Gstqvjtrenderer;
+
+class qv_renderer {
+public:
+    qv_renderer(_Gstqvjtrenderer* pElement, GstElementClass* pParentClass);
+    virtual ~qv_renderer();
+    qv_renderer(const qv_renderer&) = delete;
+    qv_renderer& operator=(const qv_renderer&) = delete;
+
+    // Render thread bodies; start() picks one.
+    virtual void work_thread_separate(std::future<void>&& exit);
+    virtual void work_thread_complex(std::future<void>&& exit);
+
+    void set_property(guint id, const GValue* value, GParamSpec* pspec);
+    void get_property(guint id, GValue* value, GParamSpec* pspec);
+    GstStateChangeReturn change_state(GstStateChange transition);
+
+    bool open();
+    bool start();
+    void stop();
+    void close();
+    void reset(); // render thread only, after a FIFO or device failure
+
+    // Pads.
+    bool create_video_pad();
+    bool create_teletext_pad();
+    bool create_scte104_pad();
+    bool create_scte35_pad();
+    bool create_vbi_pad(bool bAdd);
+    bool create_audio_pad(unsigned long n);
+    void delete_audio_pad();
+    bool update_audio_pad(unsigned long n);
+    bool update_vbi_pad(bool bUse);
+    static bool isConnect(GstPad* pPad);
+    bool isAudioConnect() const;
+    size_t audio_pad_count() const { return m_list_audio_pad.size(); }
+
+    // Called from the pads' streaming threads.
+    bool set_video_cap(GstCaps* pCaps);
+    int add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts, const QVSDK::QVImage& image,
+                        uint64_t hwTime);
+    int add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts,
+                        const QVSDK::QVSound& sound);
+    int add_teletext_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize);
+    int add_vbi_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize,
+                      const GstVideoTimeCode* pTimecode);
+    int add_scte104_frame(const uint8_t* pData, size_t nSize);
+    int add_scte35_frame(const uint8_t* pData, size_t nSize);
+    int add_subtitle_frame(uint64_t pts, const uint8_t* pData, size_t nSize);
+
+    // Read-outs for the application and for tests.
+    qv_renderer_statistics& statistics() { return m_statistics; }
+    qv_alarms_dispatcher& alarms() { return m_alarmDispatcher; }
+    int32_t hw_frame_step() const { return m_nHWFrameStep; }
+    const std::vector<uint32_t>& scte104_lines() const { return m_linesSCTE104; }
+    uint32_t teletext_line_mask() const { return m_nTeletextMask; }
+    qv_renderer_state state() const { return m_state; }
+
+    // The same six templates the element class carries.
+    static GstStaticPadTemplate* pad_template(int nIndex);
+
+protected:
+    // Output frame index correction towards the input hardware time.
+    bool tryHWLock(uint32_t index, int32_t& correction);
+    void PrintStat(uint32_t index, int32_t correction, uint32_t hw, uint32_t lastFrameHW,
+                   const std::vector<qv_fifo_item_stat>& stat);
+    void write_teletext_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi);
+    void write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi);
+    static void write_vbi_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi);
+
+private:
+    GstPad* make_pad(int nTemplate, const char* pName);
+    bool add_pad(GstPad* pPad);
+    bool remove_pad(GstPad* pPad);
+    uint64_t device_time_locked() const; // m_cs held
+    void reset_sequence(bool& bStarted);
+
+    // Guards open, close, the reopening in reset, the add calls and the end of the render thread.
+    std::recursive_mutex m_cs;
+    // Declared before the devices and the FIFO engine that keep references to
+    // them, so that they are built first and destroyed last.
+    qv_renderer_statistics m_statistics;
+    qv_alarms_dispatcher m_alarmDispatcher;
+    qv_v4l2_output_device m_video_device;
+    qv_alsa_output_device m_audio_device;
+    qv_mpln_output_device m_mpln_device;
+    std::thread m_thread;                     // joinable only while a play-out runs
+    std::shared_ptr<std::promise<void>> m_fExit; // exit signal; null when no thread runs
+    _Gstqvjtrenderer* m_pElement;
+    GstElementClass* m_pParentClass;
+    std::atomic<qv_renderer_state> m_state{qv_stop_state}; // written by the render thread
+    std::string m_strV4l2Name;
+    std::string m_strAlsaName;
+    uint32_t m_nBufferCapacity = 5000;
+    uint32_t m_nLatency = 2000;
+    uint32_t m_nMode = 0;
+    uint8_t m_nVBILines[64] = {};
+    bool m_bUseVBI = false;
+    v4l2_jutvane_timecode_type m_eTimeCodeType = V4L2_JUTVANE_TIMECODE_DISABLED;
+    bool m_bUsePLL = true;
+    bool m_bUseHWLock = true;     // on from the start, whatever the property default says
+    int32_t m_nHWFrameStep = 0;
+    int32_t m_nDebugDiffHW = 0;
+    bool m_bUseWatchdog = false;  // off from the start, whatever the property default says
+    uint32_t m_nHWBuffers = 3;
+    bool m_bFullColorRange = true;
+    qv_fifo_engine m_fifo;
+    std::vector<uint32_t> m_linesSCTE104; // grows by the SCTE-104 lines on every open
+    uint32_t m_nTeletextMask = 0;
+    qv_vanc_scte104_encoder m_scte104_encoder;
+    qv_vanc_teletext_encoder m_teletext_encoder;
+    qv_video_pad m_video_pad;
+    std::list<std::shared_ptr<_qv_audio_pad>> m_list_audio_pad; // creation order; changed on the application thread
+    qv_teletext_pad m_teletext_pad;
+    qv_scte104_pad m_scte104_pad;
+    qv_scte35_pad m_scte35_pad;
+    qv_vbi_pad m_vbi_pad;
+    qv_time_starter m_time_starter;
+};

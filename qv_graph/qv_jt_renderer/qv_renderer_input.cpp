@@ -1,0 +1,130 @@
+// Renderer entry points for the pads' streaming threads: stamp the input with
+// the time starter and queue it in the FIFO engine.
+#include "qv_renderer.h"
+
+#include "qv_v4l2_common.h"
+#include "qv_vbi_convert.h"
+
+#include <algorithm>
+
+namespace {
+
+// The time starter works in signed 64-bit; stream time beyond that is not a stamp.
+bool stamp(qv_time_starter& starter, uint64_t ptsStart, uint64_t ptsEnd, uint64_t& start, uint64_t& stop)
+{
+    const auto [s, e, bValid] = starter.set_time_stamp(static_cast<long>(ptsStart), static_cast<long>(ptsEnd));
+    if (!bValid)
+        return false;
+    start = static_cast<uint64_t>(s);
+    stop = static_cast<uint64_t>(e);
+    return true;
+}
+
+} // namespace
+
+uint64_t qv_renderer::device_time_locked() const
+{
+    // Output frame counter in 100 ns units, computed in single precision.
+    const qv_v4l2_base_output_device& dev =
+        m_mpln_device.is_open() ? static_cast<const qv_v4l2_base_output_device&>(m_mpln_device) : m_video_device;
+    const float fTime = static_cast<float>(dev.get_seq_frame()) * 10000000.0f / dev.get_board_format().fps;
+    return static_cast<uint64_t>(fTime);
+}
+
+bool qv_renderer::set_video_cap(GstCaps* pCaps)
+{
+    const GstStructure* s = pCaps ? gst_caps_get_structure(pCaps, 0) : nullptr;
+    if (!s)
+        return false;
+    return gst_structure_has_field(s, "format") && gst_structure_has_field(s, "pixel-aspect-ratio") &&
+           gst_structure_has_field(s, "framerate") && gst_structure_has_field(s, "interlace-mode");
+}
+
+int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts, const QVSDK::QVImage& image,
+                                 uint64_t hwTime)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+        return 1;
+    uint64_t start = 0, stop = 0;
+    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+        return 1;
+    m_alarmDispatcher.video_event();
+    return m_fifo.add_video_frame(start, stop, dts, device_time_locked(), image,
+                                  static_cast<unsigned long>(hwTime));
+}
+
+int qv_renderer::add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEnd, uint64_t,
+                                 const QVSDK::QVSound& sound)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (!m_mpln_device.is_open() && !m_audio_device.is_open())
+        return 1;
+    const auto it = std::find_if(m_list_audio_pad.begin(), m_list_audio_pad.end(),
+                                 [pPad](const auto& p) { return p->pad.get() == pPad; });
+    if (it == m_list_audio_pad.end())
+        return 1; // the pad was removed while its stream still flowed
+    m_alarmDispatcher.audio_event();
+    uint64_t start = 0, stop = 0;
+    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+        return 1;
+    return m_fifo.add_audio_frame(static_cast<unsigned>((*it)->nIndex), start, stop, device_time_locked(), sound)
+               ? 0
+               : -1;
+}
+
+int qv_renderer::add_teletext_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+        return 1;
+    m_alarmDispatcher.teletext_event();
+    uint64_t start = 0, stop = 0;
+    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+        return 1;
+    return m_fifo.add_teletext_frame(start, stop, const_cast<uint8_t*>(pData), nSize);
+}
+
+int qv_renderer::add_vbi_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize,
+                               const GstVideoTimeCode* pTimecode)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+        return 1;
+    m_alarmDispatcher.vbi_event();
+    uint64_t start = 0, stop = 0;
+    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+        return 1;
+    if (!pTimecode)
+        return m_fifo.add_vbi_frame(start, stop, const_cast<uint8_t*>(pData), nSize, nullptr);
+
+    // The FIFO library knows no GStreamer: hand it the V4L2 form and the text.
+    qv_input_timecode tc;
+    tc.timecode = convert_gst_timecode_to_v4l2_timecode(*pTimecode);
+    gchar* pText = gst_video_time_code_to_string(pTimecode);
+    tc.pText = pText;
+    const int ret = m_fifo.add_vbi_frame(start, stop, const_cast<uint8_t*>(pData), nSize, &tc);
+    g_free(pText);
+    return ret;
+}
+
+int qv_renderer::add_scte104_frame(const uint8_t* pData, size_t nSize)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+        return 1;
+    return m_fifo.add_scte104_frame(const_cast<uint8_t*>(pData), nSize);
+}
+
+int qv_renderer::add_scte35_frame(const uint8_t* pData, size_t nSize)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+        return 1;
+    return m_fifo.add_scte35_frame(const_cast<uint8_t*>(pData), nSize);
+}
+
+int qv_renderer::add_subtitle_frame(uint64_t, const uint8_t*, size_t)
+{
+    return 1;
+}

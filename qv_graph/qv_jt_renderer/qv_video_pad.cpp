@@ -1,0 +1,159 @@
+// "sink_video": wraps each mapped buffer as an image without copying and
+// queues it through the renderer.
+#include "qv_pad_common.h"
+#include "qv_pads.h"
+#include "qv_renderer.h"
+
+#include "qvimage.h"
+#include "qvrational.h"
+#include "qvsize.h"
+
+#include <cstring>
+
+namespace {
+
+using caps_ptr = std::unique_ptr<GstCaps, void (*)(GstCaps*)>;
+
+// Only four-character names are told apart; everything else, the RGB formats
+// of the template included, is taken as UYVY.
+QVSDK::QVEnumFormats format_from_caps(const char* p)
+{
+    if (std::strlen(p) == 4) {
+        if (!std::strcmp(p, "I420"))
+            return QVSDK::FORMAT_IYUV;
+        if (!std::strcmp(p, "YV12"))
+            return QVSDK::FORMAT_YV12;
+        if (!std::strcmp(p, "NV12"))
+            return QVSDK::FORMAT_NV12;
+        if (!std::strcmp(p, "YUY2"))
+            return QVSDK::FORMAT_YUY2;
+        if (!std::strcmp(p, "YVYU"))
+            return QVSDK::FORMAT_YVYU;
+    }
+    return QVSDK::FORMAT_UYVY;
+}
+
+bool fail(const char* pMessage)
+{
+    g_print("qv_jt_renderer: %s\n", pMessage);
+    return false;
+}
+
+struct video_caps {
+    QVSDK::QVEnumFormats format = QVSDK::FORMAT_UYVY;
+    int width = 0;
+    int height = 0;
+    int par_n = 1;
+    int par_d = 1;
+};
+
+bool read_caps(GstPad* pad, video_caps& vc)
+{
+    caps_ptr pCaps(::gst_pad_get_current_caps(pad), ::gst_caps_unref);
+    if (!pCaps)
+        return fail("std::unique_ptr<GstCaps, void(*)(GstCaps*)> pCaps(::gst_pad_get_current_caps(pad), "
+                    "::gst_caps_unref);");
+    GstStructure* pStruct = gst_caps_get_size(pCaps.get()) ? gst_caps_get_structure(pCaps.get(), 0) : nullptr;
+    if (!pStruct)
+        return fail("GstStructure *pStruct = gst_caps_get_structure(pCaps.get(), 0);");
+    const gchar* pStrFormat = gst_structure_get_string(pStruct, "format");
+    if (!pStrFormat)
+        return fail("const gchar *pStrFormat = gst_structure_get_string(pStruct, 'format');");
+    if (FALSE == gst_structure_get_int(pStruct, "width", &vc.width))
+        return fail("if (FALSE == gst_structure_get_int(pStruct, 'width', &width))");
+    if (FALSE == gst_structure_get_int(pStruct, "height", &vc.height))
+        return fail("if (FALSE == gst_structure_get_int(pStruct, 'height', &height))");
+    if (FALSE == gst_structure_get_fraction(pStruct, "pixel-aspect-ratio", &vc.par_n, &vc.par_d))
+        return fail("if (FALSE == gst_structure_get_fraction(pStruct, 'pixel-aspect-ratio', &aspect_ratio_n, "
+                    "&aspect_ratio_d))");
+    int fr_n = 0, fr_d = 0;
+    if (FALSE == gst_structure_get_fraction(pStruct, "framerate", &fr_n, &fr_d))
+        return fail("if (FALSE == gst_structure_get_fraction(pStruct, 'framerate', &frame_rate_n, &frame_rate_d))");
+    if (!gst_structure_get_string(pStruct, "interlace-mode"))
+        return fail("const gchar *pStrInterlace = gst_structure_get_string(pStruct, 'interlace-mode');");
+    vc.format = format_from_caps(pStrFormat);
+    return true;
+}
+
+// Lays the image over the mapped bytes with the plane layout of its format.
+void build_image(QVSDK::QVImage& image, guint8* data, const QVSDK::QVSize& size, QVSDK::QVEnumFormats format)
+{
+    const int w = size.width();
+    const int h = size.height();
+    switch (format) {
+    case QVSDK::FORMAT_IYUV:
+    case QVSDK::FORMAT_YV12: {
+        unsigned char* planes[3] = {data, data + w * h, data + w * h + w * h / 4};
+        const int strides[3] = {w, w / 2, w / 2};
+        image.InitImage(planes, strides, size, QVSDK::QVFieldOrder(0), format);
+        break;
+    }
+    case QVSDK::FORMAT_NV12: {
+        unsigned char* planes[3] = {data, data + w * h, nullptr};
+        const int strides[3] = {w, w, 0};
+        image.InitImage(planes, strides, size, QVSDK::QVFieldOrder(0), format);
+        break;
+    }
+    default:
+        image.InitImage(data, size, 2 * w, QVSDK::QVFieldOrder(0), format);
+        break;
+    }
+}
+
+} // namespace
+
+gboolean gst_pad_video_sink_event(GstPad* pad, GstObject* parent, GstEvent* event)
+{
+    qv_renderer* pRenderer = qv_renderer_of(parent);
+    if (!pRenderer) {
+        gst_event_unref(event);
+        return FALSE;
+    }
+    if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) {
+        GstCaps* pCaps = nullptr;
+        gst_event_parse_caps(event, &pCaps);
+        pRenderer->set_video_cap(pCaps);
+    }
+    return gst_pad_event_default(pad, parent, event);
+}
+
+GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
+{
+    if (!buffer)
+        return GST_FLOW_ERROR;
+    qv_buffer_ptr pBuf = qv_take_buffer(buffer);
+    qv_renderer* pRenderer = qv_renderer_of(parent);
+    if (!pRenderer)
+        return GST_FLOW_ERROR;
+
+    video_caps vc;
+    if (!read_caps(pad, vc))
+        return GST_FLOW_ERROR;
+    qv_buffer_map map(pBuf.get());
+    if (!map.ok()) {
+        fail("if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, GST_MAP_READ))");
+        return GST_FLOW_ERROR;
+    }
+
+    QVSDK::QVAspectRatio par(1, 1);
+    if (vc.par_n != 0 && vc.par_d != 0)
+        QVSDK::QVRational::reduce(&par.num, &par.den, vc.par_n, vc.par_d, QVSDK::QV_RATIONAL_MAX);
+    const QVSDK::QVSize size(vc.width, vc.height, par);
+    QVSDK::QVImage image;
+    build_image(image, map.data(), size, vc.format);
+
+    const GstClockTime pts = GST_BUFFER_PTS(buffer);
+    const GstClockTime duration = GST_BUFFER_DURATION(buffer);
+    const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
+    const GstClockTime dts = GST_BUFFER_DTS(buffer);
+    const uint64_t hwTime = GST_BUFFER_FLAG_IS_SET(buffer, QV_BUFFER_FLAG_HWTIME) ? dts : 0;
+    pRenderer->add_video_frame(pts, ptsEnd, dts, image, hwTime);
+    return GST_FLOW_OK;
+}
+
+GstPadLinkReturn gst_pad_video_link(GstPad*, GstObject*, GstPad*)
+{
+    return GST_PAD_LINK_OK;
+}
+
+void gst_pad_video_unlink(GstPad*, GstObject*) {}

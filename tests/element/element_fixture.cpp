@@ -1,0 +1,64 @@
+#include "element_fixture.h"
+
+#include <algorithm>
+
+std::vector<std::string> ElementTest::s_printed;
+
+namespace {
+
+class GstEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        gst_init(nullptr, nullptr);
+        gst_plugin_qvjtrenderer_register();
+    }
+};
+
+const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
+
+void capture_print(const gchar* text)
+{
+    ElementTest::s_printed.emplace_back(text);
+}
+
+} // namespace
+
+void ElementTest::SetUp()
+{
+    s_printed.clear();
+    g_set_print_handler(capture_print);
+    m_pElement = gst_element_factory_make("qvjtrenderer", nullptr);
+    ASSERT_NE(m_pElement, nullptr);
+    gst_object_ref_sink(m_pElement);
+}
+
+void ElementTest::TearDown()
+{
+    if (m_pElement) {
+        gst_element_set_state(m_pElement, GST_STATE_NULL);
+        gst_object_unref(m_pElement);
+    }
+    g_set_print_handler(nullptr);
+}
+
+std::vector<std::string> ElementTest::pad_names() const
+{
+    std::vector<std::string> names;
+    GST_OBJECT_LOCK(m_pElement);
+    for (GList* l = GST_ELEMENT(m_pElement)->pads; l; l = l->next)
+        names.emplace_back(GST_OBJECT_NAME(l->data));
+    GST_OBJECT_UNLOCK(m_pElement);
+    return names;
+}
+
+bool ElementTest::has_pad(const char* pName) const
+{
+    const auto names = pad_names();
+    return std::find(names.begin(), names.end(), pName) != names.end();
+}
+
+bool ElementTest::printed(const std::string& text) const
+{
+    return std::find(s_printed.begin(), s_printed.end(), text) != s_printed.end();
+}
