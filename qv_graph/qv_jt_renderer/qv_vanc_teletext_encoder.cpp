@@ -61,8 +61,9 @@ int qv_vanc_teletext_encoder::next_data(const uint8_t* pData, size_t nSize)
     m_nLines = 0;
     if (!pData || nSize < kUnitSize || m_nLineMask == 0)
         return 0;
-    // A PES data field starts with its data_identifier (0x10 to 0x1F).
-    if (pData[0] >= 0x10 && pData[0] <= 0x1F && (nSize - 1) % kUnitSize == 0) {
+    // A PES data field starts with its data_identifier (0x10 to 0x1F), a value
+    // no data unit id takes; a trailing partial unit is ignored below.
+    if (pData[0] >= 0x10 && pData[0] <= 0x1F) {
         ++pData;
         --nSize;
     }

@@ -1,0 +1,154 @@
+#include "qv_vanc_teletext_encoder.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace {
+
+uint8_t reverse(uint8_t b)
+{
+    uint8_t r = 0;
+    for (int i = 0; i < 8; ++i)
+        if (b & (1u << i))
+            r = static_cast<uint8_t>(r | (0x80u >> i));
+    return r;
+}
+
+// One DVB teletext data unit as a demultiplexer hands it over (bits reversed).
+std::vector<uint8_t> data_unit(bool bFirstField, int nLine, uint8_t seed)
+{
+    std::vector<uint8_t> u = {0x02, 0x2C, static_cast<uint8_t>(0xC0 | (bFirstField ? 0x20 : 0) | nLine), 0xE4};
+    for (int i = 0; i < 42; ++i)
+        u.push_back(reverse(static_cast<uint8_t>(seed + i * 7)));
+    return u;
+}
+
+std::vector<uint8_t> pes(std::initializer_list<std::vector<uint8_t>> units)
+{
+    std::vector<uint8_t> p = {0x10};
+    for (const auto& u : units)
+        p.insert(p.end(), u.begin(), u.end());
+    return p;
+}
+
+uint32_t mask(std::initializer_list<int> lines)
+{
+    uint32_t m = 0;
+    for (int l : lines)
+        m |= 1u << ((l - 1) % 32);
+    return m;
+}
+
+TEST(TeletextEncoder, LinesComeFromTheDataUnitsAndTheMask)
+{
+    qv_vanc_teletext_encoder enc;
+    enc.init(mask({7, 8, 9}), false, false, 720);
+    const auto in = pes({data_unit(true, 7, 1), data_unit(false, 8, 2), data_unit(true, 21, 3),
+                         data_unit(true, 0, 4), {0xFF, 0x2C, std::vector<uint8_t>(44, 0xFF).front()}});
+    // The stuffing unit above is cut short on purpose: it must not be read.
+    ASSERT_EQ(enc.next_data(in.data(), in.size()), 3);
+    bool first = false;
+    int line = 0;
+    ASSERT_TRUE(enc.get_line_info(0, first, line));
+    EXPECT_TRUE(first);
+    EXPECT_EQ(line, 7);
+    ASSERT_TRUE(enc.get_line_info(1, first, line));
+    EXPECT_FALSE(first);
+    EXPECT_EQ(line, 8);
+    ASSERT_TRUE(enc.get_line_info(2, first, line)) << "an undefined line takes the first free enabled line";
+    EXPECT_TRUE(first);
+    EXPECT_EQ(line, 8);
+    EXPECT_FALSE(enc.get_line_info(3, first, line));
+
+    enc.init(0, false, false, 720);
+    EXPECT_EQ(enc.next_data(in.data(), in.size()), 0) << "no teletext line configured";
+    EXPECT_EQ(enc.next_data(nullptr, 0), 0);
+}
+
+// An independent slicer: samples the luma at each bit centre and thresholds halfway.
+std::vector<uint8_t> slice(const uint16_t* line, int width, size_t nBytes)
+{
+    const double spb = 13.5 / 6.9375;
+    std::vector<uint8_t> out(nBytes, 0);
+    for (size_t bit = 0; bit < nBytes * 8; ++bit) {
+        const int pixel = static_cast<int>(6.0 + (bit + 0.5) * spb + 0.5);
+        if (pixel >= width)
+            break;
+        if (line[2 * pixel + 1] > (0x040 + 0x040 + 578) / 2)
+            out[bit / 8] = static_cast<uint8_t>(out[bit / 8] | (1u << (bit % 8)));
+    }
+    return out;
+}
+
+TEST(TeletextEncoder, SdWaveformSlicesBackToTheSentBytes)
+{
+    qv_vanc_teletext_encoder enc;
+    enc.init(mask({20}), false, false, 720);
+    const auto in = pes({data_unit(false, 20, 0x31)});
+    ASSERT_EQ(enc.next_data(in.data(), in.size()), 1);
+    std::vector<uint16_t> line(2 * 720, 0xFFFF);
+    enc.encode_line(0, line.data());
+    const auto bytes = slice(line.data(), 720, 45);
+    EXPECT_EQ(bytes[0], 0x55);
+    EXPECT_EQ(bytes[1], 0x55);
+    EXPECT_EQ(bytes[2], 0x27);
+    for (int i = 0; i < 42; ++i)
+        EXPECT_EQ(bytes[3 + i], static_cast<uint8_t>(0x31 + i * 7)) << i;
+    for (int p = 0; p < 720; ++p) {
+        EXPECT_EQ(line[2 * p], 0x200) << "chroma stays neutral";
+        EXPECT_GE(line[2 * p + 1], 0x040);
+        EXPECT_LE(line[2 * p + 1], 0x040 + 578);
+    }
+    enc.encode_line(0, nullptr); // a missing target is ignored
+}
+
+TEST(TeletextEncoder, HdGoesOutAsOp47AncPacket)
+{
+    qv_vanc_teletext_encoder enc;
+    enc.init(mask({12}), true, true, 1920);
+    const auto in = pes({data_unit(true, 9, 0x40)});
+    ASSERT_EQ(enc.next_data(in.data(), in.size()), 1);
+    bool first = false;
+    int vline = 0;
+    ASSERT_TRUE(enc.get_line_info(0, first, vline));
+    EXPECT_EQ(vline, 12) << "HD packets use the configured VANC line";
+
+    std::vector<uint16_t> line(2 * 1920, 0);
+    enc.encode_line(0, line.data());
+    auto y = [&](int i) { return line[2 * i + 1]; };
+    ASSERT_EQ(y(0), 0x000);
+    ASSERT_EQ(y(1), 0x3FF);
+    ASSERT_EQ(y(2), 0x3FF);
+    auto parity_ok = [](uint16_t w) {
+        const int ones = __builtin_popcount(w & 0xFF);
+        return ((w >> 8) & 1) == (ones & 1) && ((w >> 9) & 1) != ((w >> 8) & 1);
+    };
+    EXPECT_EQ(y(3) & 0xFF, 0x43);
+    EXPECT_EQ(y(4) & 0xFF, 0x02);
+    const int dc = y(5) & 0xFF;
+    ASSERT_EQ(dc, 58);
+    unsigned sum = 0;
+    uint8_t sdpSum = 0;
+    for (int i = 3; i < 6 + dc; ++i) {
+        EXPECT_TRUE(parity_ok(y(i))) << i;
+        sum += y(i) & 0x1FF;
+        if (i >= 6)
+            sdpSum = static_cast<uint8_t>(sdpSum + (y(i) & 0xFF));
+    }
+    const uint16_t cs = y(6 + dc);
+    EXPECT_EQ(cs & 0x1FF, sum & 0x1FF);
+    EXPECT_NE((cs >> 9) & 1, (cs >> 8) & 1);
+    EXPECT_EQ(sdpSum, 0) << "the packet's own checksum zeroes its byte sum";
+    EXPECT_EQ(y(6) & 0xFF, 0x51);
+    EXPECT_EQ(y(7) & 0xFF, 0x15);
+    EXPECT_EQ(y(9) & 0xFF, 0x02);
+    EXPECT_EQ(y(10) & 0xFF, 0x80 | 9) << "first field, source line 9";
+    EXPECT_EQ(y(15) & 0xFF, 0x55);
+    EXPECT_EQ(y(17) & 0xFF, 0x27);
+    EXPECT_EQ(y(18) & 0xFF, 0x40);
+}
+
+} // namespace
