@@ -86,8 +86,7 @@ qv_base_statistics::items qv_renderer_statistics::get_items()
     auto num = [](auto v) { return std::to_string(v); };
 
     add("System time", format_time(m_nSystemTime));
-    // The device time is kept in 100 ns units.
-    add("Device time", format_time(m_nDeviceTime * 100u));
+    add("Device time", format_time(m_nDeviceTime));
     add("Device dropped frame", num(m_nDeviceDroppedFrame));
     add("Genlock state", genlock_state_text(m_nGenlockState));
     add("Genlock source", genlock_source_text(m_nGenlockSource));

@@ -46,7 +46,7 @@ public:
     std::mutex m_cs;
 
     uint64_t m_nSystemTime = 0;   // ns since the render thread started
-    uint64_t m_nDeviceTime = 0;   // device time, 100 ns units
+    uint64_t m_nDeviceTime = 0;   // ns of device output: frame counter / mode rate
     uint64_t m_nDeviceDroppedFrame = 0;
     uint32_t nSeqFromDevice = 0;  // last device sequence; 0 after a play-out reset
     int32_t m_nGenlockState = 0;  // v4l2_jutvane_genlock_state

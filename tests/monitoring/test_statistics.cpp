@@ -84,7 +84,7 @@ TEST(Statistics, ResetZeroesFiguresButKeepsGenlockAndAudioRecords)
     st.m_nGenlockState = 3;
     st.m_nGenlockSource = 4;
     st.m_nFifoResetCount = 9;
-    st.m_nDeviceTime = 250000000; // 25 s in 100 ns units
+    st.m_nDeviceTime = 25000000000ull; // 25 s
     st.m_video.nRepeatedFrame = 2;
     st.m_vbi.strTimecode = "10:00:00:00";
     EXPECT_EQ(value_of(st.get_items(), "Device time"), "00:00:25.000");

@@ -1,0 +1,403 @@
+#include "qv_fifo_engine.h"
+
+#include <glib.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "scte35.h"
+#if __has_include("scte_convert.h")
+#include "scte104.h"
+#include "scte_convert.h"
+#define QV_HAVE_SCTE_CONVERT 1
+#endif
+
+using QVSDK::QVImage;
+using QVSDK::QVSound;
+
+namespace {
+
+// Leading / trailing zero samples of one half of a buffer.
+template <typename T>
+void count_silent_edges(const uint8_t* p, size_t n, size_t half, size_t& lead, size_t& trail)
+{
+    auto sample = [p](size_t i) {
+        T v;
+        std::memcpy(&v, p + i * sizeof(T), sizeof(T));
+        return v;
+    };
+    lead = 0;
+    while (lead < half && sample(lead) == 0)
+        ++lead;
+    trail = 0;
+    while (trail < half && sample(n - 1 - trail) == 0)
+        ++trail;
+}
+
+} // namespace
+
+void PrintAudioInfo(const char* tag, const QVSound& sound)
+{
+    const unsigned bits = sound.format().m_bit_per_sample;
+    if ((bits != 16 && bits != 32) || sound.data() == nullptr)
+        return;
+    const size_t n = sound.size() / (bits / 8);
+    if (n < 2)
+        return;
+    const size_t half = n / 2;
+    size_t lead = 0;
+    size_t trail = 0;
+    if (bits == 16)
+        count_silent_edges<int16_t>(sound.data(), n, half, lead, trail);
+    else
+        count_silent_edges<int32_t>(sound.data(), n, half, lead, trail);
+    if (lead + trail + 10 < 2 * half)
+        g_print("%s frame[%d] empty edges %d/%d/%d good=%d\n", tag, static_cast<int>(bits), static_cast<int>(lead),
+                static_cast<int>(half), static_cast<int>(trail), static_cast<int>(2 * half - lead - trail));
+}
+
+qv_fifo_engine::qv_fifo_engine(qv_renderer_statistics& statistics, qv_alarms_dispatcher& dispatcher)
+    : m_statistics(statistics),
+      m_video_fifo(statistics.m_video, dispatcher),
+      m_teletext_fifo(statistics.m_teletext),
+      m_vbi_fifo(statistics.m_vbi),
+      m_scte104_data(new uint8_t[kScte104DataSize]()),
+      // SCTE-104 traffic is shown under the SCTE-35 figures: that is where the operator looks for splices.
+      m_scte104_fifo(statistics.m_scte35)
+{
+}
+
+int qv_fifo_engine::create_video_stream(float fps, QVSDK::QVEnumFormats format, const QVSDK::QVSize& size,
+                                        QVSDK::QVFieldOrder order)
+{
+    m_video_fifo.init(fps, format, size, order);
+    return 1;
+}
+
+int qv_fifo_engine::create_teletext_stream(float fps)
+{
+    return m_teletext_fifo.init(fps) ? 1 : 0;
+}
+
+int qv_fifo_engine::create_scte104_stream(float fps)
+{
+    return m_scte104_fifo.init(fps) ? 1 : 0;
+}
+
+int qv_fifo_engine::create_vbi_stream(float fps)
+{
+    return m_vbi_fifo.init(fps) ? 1 : 0;
+}
+
+int qv_fifo_engine::create_sound_stream(unsigned lines, const QVSDK::QVSoundFormat& format)
+{
+    m_audio_fifo.clear();
+    m_statistics.clear_audio_statistics();
+    m_audio_fifo.resize(lines);
+    m_vParts.resize(lines);
+    for (qv_audio_fifo& line : m_audio_fifo) {
+        line.set_statistics(m_statistics.create_audio_statistics());
+        line.init(m_video_fifo.m_fps, format);
+    }
+    return 1;
+}
+
+int qv_fifo_engine::alloc_fifo(size_t frames)
+{
+    m_video_fifo.alloc(frames);
+    for (qv_audio_fifo& line : m_audio_fifo)
+        line.alloc(frames);
+    m_teletext_fifo.alloc(frames);
+    m_scte104_fifo.alloc(frames);
+    m_vbi_fifo.alloc(frames);
+    return 1;
+}
+
+void qv_fifo_engine::dealloc_fifo()
+{
+    m_video_fifo.clear();
+    m_audio_fifo.clear();
+    m_vParts.clear();
+    m_teletext_fifo.clear();
+    m_scte104_fifo.clear();
+    m_vbi_fifo.clear();
+    m_out_frame_index = 0;
+    m_pll.clear();
+    m_bFirstCall = true;
+    set_state(fifo_ok, std::string());
+}
+
+void qv_fifo_engine::reset()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    m_video_fifo.reset();
+    for (qv_audio_fifo& line : m_audio_fifo)
+        line.clear();
+    m_teletext_fifo.reset();
+    m_scte104_fifo.reset();
+    m_vbi_fifo.reset();
+    m_out_frame_index = 0;
+    m_was_start = false;
+    m_pll.clear();
+    m_bFirstCall = true;
+    set_state(fifo_ok, std::string());
+}
+
+int64_t qv_fifo_engine::start()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    int64_t result = -1;
+    if (!m_video_fifo.m_video_fifo.empty()) {
+        const int64_t first = m_video_fifo.m_video_fifo.front()->index;
+        result = first < 0 ? 0 : first;
+        m_out_frame_index = static_cast<uint64_t>(result);
+    } else {
+        m_out_frame_index = 0;
+    }
+    m_was_start = true;
+    return result;
+}
+
+void qv_fifo_engine::add_target(const target_fn& target)
+{
+    m_listTargets.push_back(target);
+}
+
+int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, uint64_t ptsSystemTime,
+                                    const QVImage& image, unsigned long hw_time)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    if (ptsStart == QV_TIME_NONE) {
+        g_print("qvjtrenderer: add_video_frame GST_CLOCK_TIME_NONE == ptsStart!\n");
+        return 1;
+    }
+    if (m_was_start) {
+        if (m_ePLLStream == pll_video_stream)
+            update_pll_time(ptsStart, ptsStop, ptsSystemTime);
+        else
+            update_time(ptsStart, ptsStop);
+    }
+    if (!m_video_fifo.add_image(ptsStart, ptsStop, ptsReal, image, hw_time)) {
+        set_state(fifo_overflow, "video fifo overflow");
+        return 0;
+    }
+    return 1;
+}
+
+bool qv_fifo_engine::add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsSystemTime,
+                                     const QVSound& frame)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    if (ptsStart == QV_TIME_NONE) {
+        g_print("qvjtrenderer: add_audio_frame[%d] GST_CLOCK_TIME_NONE == ptsStart!\n", static_cast<int>(nIndex));
+        return true;
+    }
+    if (nIndex >= m_audio_fifo.size())
+        return true;
+    if (m_was_start) {
+        if (m_ePLLStream == pll_audio_stream) {
+            // Only line 0 drives the loop; the other lines keep their stamps in this mode.
+            if (nIndex == 0)
+                update_pll_time(ptsStart, ptsStop, ptsSystemTime);
+        } else {
+            update_time(ptsStart, ptsStop);
+        }
+    }
+    if (!m_audio_fifo[nIndex].add_audio_frame(ptsStart, ptsStop, frame)) {
+        set_state(fifo_overflow, "audio fifo overflow");
+        return false;
+    }
+    return true;
+}
+
+int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    if (ptsStart != 0 && ptsStart != QV_TIME_NONE && m_was_start)
+        update_time(ptsStart, ptsStop);
+    return m_teletext_fifo.add_data(ptsStart, ptsStop, pData, size, nullptr) ? 1 : 0;
+}
+
+int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size,
+                                  const qv_input_timecode* pTimeCode)
+{
+    if (pData == nullptr || size == 0)
+        return 0;
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    if (ptsStart != 0 && ptsStart != QV_TIME_NONE && m_was_start)
+        update_time(ptsStart, ptsStop);
+    return m_vbi_fifo.add_data(ptsStart, ptsStop, pData, size, pTimeCode) ? 1 : 0;
+}
+
+int qv_fifo_engine::add_subtitle_frame(uint64_t /*pts*/, uint8_t* /*pData*/, size_t /*size*/)
+{
+    // Subtitles are accepted and discarded.
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    return 1;
+}
+
+int qv_fifo_engine::add_scte104_frame(uint8_t* pData, size_t size)
+{
+    if (pData == nullptr || size == 0)
+        return 0;
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    if (m_video_fifo.m_nRealPTS == ~uint64_t(0))
+        return 1;
+    // Stamped with the most recently queued picture's times, not its own.
+    return m_scte104_fifo.add_data(m_video_fifo.m_nStartTime, m_video_fifo.m_nStopTime, pData, size, nullptr) ? 1 : 0;
+}
+
+int qv_fifo_engine::add_scte35_frame(uint8_t* pData, size_t size)
+{
+    if (pData == nullptr || size == 0)
+        return 0;
+    const size_t pointer = pData[0];
+    if (size < pointer)
+        return 0;
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    // A section that ends at its pointer field has nothing to parse: malformed, dropped.
+    if (size < pointer + 1)
+        return 1;
+    return queue_scte35_as_scte104(pData + pointer + 1, size - (pointer + 1));
+}
+
+// Parses one section and queues its SCTE-104 form (caller holds m_csFifo).
+// A section that does not parse, or converts to nothing, is dropped and
+// reported as accepted, so that the pad does not error out on bad splices.
+int qv_fifo_engine::queue_scte35_as_scte104(const uint8_t* pSection, size_t nLength)
+{
+    mpegcore::splice_info_section section(nullptr, 1024);
+    if (nLength == 0 || !section.read(const_cast<uint8_t*>(pSection), nLength))
+        return 1;
+    if (m_video_fifo.m_nRealPTS == ~uint64_t(0))
+        return 1;
+#ifdef QV_HAVE_SCTE_CONVERT
+    const auto message = mpegcore::to_scte104(static_cast<long>(m_video_fifo.m_nRealPTS),
+                                              static_cast<double>(m_video_fifo.m_fps), section);
+    if (!message || !message->write(m_scte104_data.get(), kScte104DataSize))
+        return 1;
+    const size_t n = message->messageSize;
+    return m_scte104_fifo.add_data(m_video_fifo.m_nStartTime, m_video_fifo.m_nStopTime, m_scte104_data.get(),
+                                   n, nullptr)
+               ? 1
+               : 0;
+#else
+    return 1;
+#endif
+}
+
+int qv_fifo_engine::map_next_frame(unsigned frame, QVImage& image, QVSound& sound, std::vector<uint8_t>* pTeletext,
+                                   std::vector<uint8_t>* pScte104, std::vector<uint8_t>* pVbi, qv_timecode* tc)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    const qv_fifo_state state = m_state;
+    if (state != fifo_ok)
+        return state;
+    if (!map_video_audio(frame, image, sound))
+        set_state(fifo_underflow, "video and audio fifo underflow");
+    if (pVbi != nullptr) {
+        m_vbi_fifo.map_data(frame, *pVbi, tc);
+    } else {
+        m_teletext_fifo.map_data(frame, *pTeletext, nullptr);
+        m_scte104_fifo.map_data(frame, *pScte104, nullptr);
+    }
+    m_out_frame_index = frame;
+    return m_state;
+}
+
+int qv_fifo_engine::map_next_data(unsigned frame, QVImage& image, QVSound& sound, std::vector<uint8_t>& teletext,
+                                  std::vector<uint8_t>& scte104)
+{
+    return map_next_frame(frame, image, sound, &teletext, &scte104, nullptr, nullptr);
+}
+
+int qv_fifo_engine::map_next_data_vbi(unsigned frame, QVImage& image, QVSound& sound, std::vector<uint8_t>& vbi,
+                                      qv_timecode* tc)
+{
+    return map_next_frame(frame, image, sound, nullptr, nullptr, &vbi, tc);
+}
+
+bool qv_fifo_engine::map_video_audio(unsigned frame, QVImage& image, QVSound& sound)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    if (!m_video_fifo.map_image(frame, image))
+        return false;
+    const size_t lines = m_audio_fifo.size();
+    if (lines == 0)
+        return true;
+    m_vParts.resize(lines);
+    for (size_t k = 0; k < lines; ++k) {
+        if (!m_audio_fifo[k].map_sound_frame(frame, m_vParts[k]))
+            return false;
+    }
+    // Every line contributes its first two channels, side by side: lines are stereo pairs.
+    const QVSDK::QVSoundFormat& f0 = m_vParts[0].format();
+    const auto channels = static_cast<uint16_t>(lines * f0.m_channel);
+    if (!sound.init(lines * m_vParts[0].size(), 0, f0.m_frequency, f0.m_bit_per_sample, channels))
+        return true;
+    sound.silense(sound.capacity());
+    for (size_t k = 0; k < lines; ++k)
+        sound.mux(static_cast<unsigned>(2 * k), 0, 2, m_vParts[k]);
+    return true;
+}
+
+void qv_fifo_engine::check_audio_fifo_fullness(unsigned latencyMs)
+{
+    // The render thread calls this during pre-roll while the audio pads are
+    // already adding: it moves the same read positions, so it takes the lock too.
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    for (qv_audio_fifo& line : m_audio_fifo)
+        line.check_fifo_fullness(static_cast<int>(latencyMs));
+}
+
+void qv_fifo_engine::update_time(uint64_t& ptsStart, uint64_t& ptsStop)
+{
+    if (!m_bUsePLL || m_bFirstCall)
+        return;
+    const auto d = static_cast<int64_t>(m_pll.m_dRegulator * 1e9L);
+    ptsStart += static_cast<uint64_t>(d);
+    ptsStop += static_cast<uint64_t>(d);
+}
+
+void qv_fifo_engine::update_pll_time(uint64_t& ptsStart, uint64_t& ptsStop, uint64_t ptsSystemTime)
+{
+    if (!m_bUsePLL)
+        return;
+    if (ptsSystemTime == 0) {
+        update_time(ptsStart, ptsStop);
+        return;
+    }
+    // The loop runs in 100 ns units.
+    const auto s100 = static_cast<long>(ptsStart / 100);
+    if (m_bFirstCall) {
+        m_pll.ResetPLL(static_cast<long>(ptsSystemTime), s100);
+        m_bFirstCall = false;
+    }
+    const uint64_t duration = ptsStop - ptsStart;
+    const long r = m_pll.SetTimeToPLL(static_cast<long>(ptsSystemTime), s100);
+    ptsStart = static_cast<uint64_t>(r) * 100;
+    ptsStop = ptsStart + duration;
+}
+
+void qv_fifo_engine::set_state(const qv_fifo_state& state, const std::string& reason)
+{
+    switch (state) {
+    case fifo_underflow:
+        m_state = fifo_underflow;
+        g_print("qv_jt_renderer: fifo underflow, %s\n", reason.c_str());
+        break;
+    case fifo_overflow:
+        m_state = fifo_overflow;
+        g_print("qv_jt_renderer: fifo overflow, %s\n", reason.c_str());
+        break;
+    case fifo_ok:
+        m_state = fifo_ok;
+        break;
+    }
+}
+
+std::vector<qv_fifo_item_stat> qv_fifo_engine::getHWstat()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    return m_video_fifo.getHWstat();
+}

@@ -1,0 +1,122 @@
+// The one object through which every input stream reaches the render loop:
+// one video FIFO, one audio FIFO per audio line, teletext, SCTE-104 and raw
+// VBI FIFOs, and the clock-smoothing loop, all behind one recursive lock.
+//
+// Producers (the pads' streaming threads) call add_*; the render thread calls
+// map_next_data / map_next_data_vbi once per output frame. Set-up calls
+// (create_*, alloc_fifo, dealloc_fifo, add_target) take no lock: they run
+// while the render thread is stopped.
+#pragma once
+
+#include "QVPLL.h"
+#include "qv_alarms_dispatcher.h"
+#include "qv_audio_fifo.h"
+#include "qv_renderer_statistics.h"
+#include "qv_template_fifo.h"
+#include "qv_types.h"
+#include "qv_video_fifo.h"
+
+#include "qv_sound.h"
+#include "qvimage.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+enum e_pll_stream {
+    pll_video_stream = 0,
+    pll_audio_stream = 1,
+};
+
+// Reports silent edges of a sound buffer on the console (diagnostic).
+void PrintAudioInfo(const char* tag, const QVSDK::QVSound& sound);
+
+class qv_fifo_engine {
+public:
+    using target_fn = std::function<bool(const QVSDK::QVImage&, const QVSDK::QVSound&)>;
+
+    qv_fifo_engine(qv_renderer_statistics& statistics, qv_alarms_dispatcher& dispatcher);
+    qv_fifo_engine(const qv_fifo_engine&) = delete;
+    qv_fifo_engine& operator=(const qv_fifo_engine&) = delete;
+
+    // Stream set-up, before alloc_fifo.
+    int create_video_stream(float fps, QVSDK::QVEnumFormats format, const QVSDK::QVSize& size,
+                            QVSDK::QVFieldOrder order);
+    int create_teletext_stream(float fps);
+    int create_scte104_stream(float fps);
+    int create_vbi_stream(float fps);
+    int create_sound_stream(unsigned lines, const QVSDK::QVSoundFormat& format);
+    // Depth in output frames; all picture, sound and data memory is taken here.
+    int alloc_fifo(size_t frames);
+    void dealloc_fifo();
+
+    void reset();
+    // First output frame number (clamped at 0), or -1 when no picture is queued.
+    int64_t start();
+    void add_target(const target_fn& target);
+
+    // Producers. Dropped input (no stamp, no line, no video yet) counts as success;
+    // only lack of room fails, and it also sets fifo_overflow.
+    int add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, uint64_t ptsSystemTime,
+                        const QVSDK::QVImage& image, unsigned long hw_time);
+    bool add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsSystemTime,
+                         const QVSDK::QVSound& frame);
+    int add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size);
+    int add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size,
+                      const qv_input_timecode* pTimeCode);
+    int add_subtitle_frame(uint64_t pts, uint8_t* pData, size_t size);
+    int add_scte104_frame(uint8_t* pData, size_t size);
+    int add_scte35_frame(uint8_t* pData, size_t size);
+
+    // Consumers (render thread). Return the resulting qv_fifo_state.
+    int map_next_data(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>& teletext,
+                      std::vector<uint8_t>& scte104);
+    int map_next_data_vbi(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>& vbi,
+                          qv_timecode* tc);
+    bool map_video_audio(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound);
+    void check_audio_fifo_fullness(unsigned latencyMs);
+
+    // Time shifting through the smoothing loop (caller holds m_csFifo).
+    void update_time(uint64_t& ptsStart, uint64_t& ptsStop);
+    void update_pll_time(uint64_t& ptsStart, uint64_t& ptsStop, uint64_t ptsSystemTime);
+    void set_state(const qv_fifo_state& state, const std::string& reason);
+
+    // Locked snapshot of the video FIFO's hardware-time rows.
+    std::vector<qv_fifo_item_stat> getHWstat();
+
+    std::list<target_fn> m_listTargets;
+
+    std::recursive_mutex m_csFifo;
+    // Everything below guarded by m_csFifo. m_state is atomic because the
+    // render thread also polls it without the lock.
+    qv_renderer_statistics& m_statistics;
+    qv_video_fifo m_video_fifo;
+    qv_template_fifo m_teletext_fifo;
+    qv_template_fifo m_vbi_fifo;
+    std::unique_ptr<uint8_t[]> m_scte104_data; // converted SCTE-104 message, kScte104DataSize bytes
+    qv_template_fifo m_scte104_fifo;
+    std::vector<qv_audio_fifo> m_audio_fifo; // index = audio line
+    uint64_t m_out_frame_index = 0;
+    bool m_was_start = false;
+    CQVPLL m_pll;
+    bool m_bUsePLL = true;
+    bool m_bFirstCall = true;
+    e_pll_stream m_ePLLStream = pll_video_stream;
+    std::atomic<qv_fifo_state> m_state{fifo_ok};
+
+    static constexpr size_t kScte104DataSize = 4096;
+
+private:
+    int queue_scte35_as_scte104(const uint8_t* pSection, size_t nLength);
+    int map_next_frame(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>* pTeletext,
+                       std::vector<uint8_t>* pScte104, std::vector<uint8_t>* pVbi, qv_timecode* tc);
+
+    // Scratch for the per-line parts of map_video_audio; kept so that a frame allocates nothing.
+    std::vector<QVSDK::QVSound> m_vParts;
+};

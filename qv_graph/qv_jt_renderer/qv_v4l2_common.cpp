@@ -1,0 +1,319 @@
+#include "qv_v4l2_common.h"
+
+#include "qv_renderer_statistics.h"
+
+#include <glib.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+// The 59.94, 29.97 and 23.98 rates are the single-precision values of those
+// decimals, not of 60/1.001: the DV-timings match compares against exactly these.
+const qv_v4l2_video_format qv_board_formats[qv_board_formats_count] = {
+    {720, 576, 25.0f, false, false},    {720, 576, 30.0f, false, false},
+    {1920, 1080, 25.0f, false, true},   {1920, 1080, 30.0f, false, true},
+    {1920, 1080, 50.0f, true, true},    {1920, 1080, 60.0f, true, true},
+    {1280, 720, 50.0f, true, true},     {1280, 720, 59.94f, true, true},
+    {1280, 720, 60.0f, true, true},     {1920, 1080, 23.98f, true, true},
+    {1920, 1080, 24.0f, true, true},    {1920, 1080, 25.0f, true, true},
+    {1920, 1080, 29.97f, true, true},   {1920, 1080, 59.94f, true, true},
+    {3840, 2160, 25.0f, true, true},    {3840, 2160, 29.97f, true, true},
+    {3840, 2160, 30.0f, true, true},    {3840, 2160, 50.0f, true, true},
+    {3840, 2160, 59.94f, true, true},   {3840, 2160, 60.0f, true, true},
+};
+
+const qv_v4l2_video_format& qv_board_format(qv_v4l2_enum_sdi_mode mode)
+{
+    const auto index = static_cast<unsigned>(mode);
+    return qv_board_formats[index < qv_board_formats_count ? index : 0];
+}
+
+int xioctl(int fd, unsigned long request, void* arg)
+{
+    int r;
+    do {
+        r = ioctl(fd, request, arg);
+    } while (r == -1 && errno == EINTR);
+    return r;
+}
+
+QVSDK::QVEnumFormats qv_format_from_fourcc(uint32_t fourcc)
+{
+    switch (fourcc) {
+    case V4L2_PIX_FMT_BGR32:
+        return QVSDK::FORMAT_BGRA;
+    case V4L2_PIX_FMT_BGR24:
+        return QVSDK::FORMAT_BGR;
+    case V4L2_PIX_FMT_YVU420:
+        return QVSDK::FORMAT_YV12;
+    case V4L2_PIX_FMT_NV12:
+        return QVSDK::FORMAT_NV12;
+    case V4L2_PIX_FMT_YVYU:
+        return QVSDK::FORMAT_YVYU;
+    case V4L2_PIX_FMT_YUYV:
+        return QVSDK::FORMAT_YUY2;
+    default:
+        // UYVY and the board's own codes are both 8-bit 4:2:2 with chroma first.
+        return QVSDK::FORMAT_UYVY;
+    }
+}
+
+QVSDK::QVFieldOrder qv_field_order_from_v4l2(uint32_t field)
+{
+    switch (field) {
+    case V4L2_FIELD_INTERLACED_TB:
+    case V4L2_FIELD_INTERLACED:
+        return QVSDK::FieldOrder_Upper_First;
+    case V4L2_FIELD_INTERLACED_BT:
+        return QVSDK::FieldOrder_Lower_First;
+    default:
+        return QVSDK::FieldOrder_Progressive;
+    }
+}
+
+qv_v4l2_base_output_device::qv_v4l2_base_output_device(qv_renderer_statistics& statistics)
+    : m_statistics(statistics)
+{
+}
+
+qv_v4l2_base_output_device::~qv_v4l2_base_output_device()
+{
+    releaseHandle();
+}
+
+qv_v4l2_base_output_device::eDeviceType qv_v4l2_base_output_device::CheckDevice(int& fd,
+                                                                               const std::string& name)
+{
+    fd = -1;
+    const int h = open(name.c_str(), O_RDWR | O_CLOEXEC);
+    if (h == -1) {
+        g_print("qbjtrenderer: Can't open video device, device=%s\n", name.c_str());
+        return eDTNone;
+    }
+    v4l2_capability caps{};
+    if (xioctl(h, VIDIOC_QUERYCAP, &caps) == -1) {
+        close(h);
+        g_print("qbjtrenderer: Can't obtain device caps, device=%s\n", name.c_str());
+        return eDTNone;
+    }
+    // A node offering both buffer models is driven as multi-plane: only that
+    // model carries audio and the status record.
+    if (caps.device_caps & V4L2_CAP_VIDEO_OUTPUT_MPLANE) {
+        fd = h;
+        return eDTMultiPlane;
+    }
+    if (caps.device_caps & V4L2_CAP_VIDEO_OUTPUT) {
+        fd = h;
+        return eDTSepare;
+    }
+    close(h);
+    g_print("qbjtrenderer: device %s is not output device\n", name.c_str());
+    return eDTUnknown;
+}
+
+bool qv_v4l2_base_output_device::set_control(uint32_t id, int32_t value) const
+{
+    v4l2_control ctrl{};
+    ctrl.id = id;
+    ctrl.value = value;
+    return xioctl(m_hDevice, VIDIOC_S_CTRL, &ctrl) != -1;
+}
+
+bool qv_v4l2_base_output_device::init(int& fd, const std::string& name, bool bUseWatchdog,
+                                      qv_v4l2_enum_sdi_mode mode, v4l2_jutvane_timecode_type timecode_type)
+{
+    if (fd == -1)
+        return false;
+    m_strName = name;
+
+    v4l2_control ctrl{};
+    ctrl.id = V4L2_CID_JUTVANE_VANC_ENABLE;
+    ctrl.value = 1;
+    if (xioctl(fd, VIDIOC_S_CTRL, &ctrl) == -1) {
+        g_print("qbjtrenderer: Can't enable vanc, device=%s\n", name.c_str());
+        return false; // the caller still owns fd
+    }
+    ctrl.id = V4L2_CID_JUTVANE_TIMECODE_TYPE;
+    ctrl.value = timecode_type;
+    if (xioctl(fd, VIDIOC_S_CTRL, &ctrl) == -1)
+        g_print("qbjtrenderer: Can't set timecode type, device=%s\n", name.c_str());
+
+    releaseHandle();
+    m_hDevice = fd;
+    fd = -1;
+    m_bUseWatchdog = bUseWatchdog;
+    m_format = mode;
+    // Coarse on purpose: the buffer's time-code type only tells the driver the
+    // frame-count base, and every mode not listed is counted as 25.
+    switch (mode) {
+    case qv_1920x1080_50p:
+        m_timecodeType = V4L2_TC_TYPE_50FPS;
+        break;
+    case qv_1920x1080_60p:
+        m_timecodeType = V4L2_TC_TYPE_60FPS;
+        break;
+    case qv_720x576_30i:
+    case qv_1920x1080_30i:
+        m_timecodeType = V4L2_TC_TYPE_30FPS;
+        break;
+    default:
+        m_timecodeType = V4L2_TC_TYPE_25FPS;
+        break;
+    }
+    m_nTimeStamp.exchange(0);
+    m_nLastTimeStamp.exchange(0);
+    m_seq_frame.exchange(0);
+    return true;
+}
+
+void qv_v4l2_base_output_device::releaseHandle()
+{
+    if (m_hDevice > 0)
+        close(m_hDevice);
+    m_hDevice = -1;
+}
+
+bool qv_v4l2_base_output_device::set_v4l2_video_format(unsigned buffer_type)
+{
+    if (m_hDevice == -1)
+        return false;
+    const qv_v4l2_video_format& row = get_board_format();
+
+    for (uint32_t index = 0;; ++index) {
+        v4l2_enum_dv_timings en{};
+        en.index = index;
+        if (xioctl(m_hDevice, VIDIOC_ENUM_DV_TIMINGS, &en) == -1)
+            break;
+        const v4l2_bt_timings& bt = en.timings.bt;
+        const uint32_t total_width = bt.width + bt.hfrontporch + bt.hsync + bt.hbackporch;
+        uint32_t total_height = bt.height + bt.vfrontporch + bt.vsync + bt.vbackporch;
+        if (bt.interlaced)
+            total_height += bt.il_vfrontporch + bt.il_vsync + bt.il_vbackporch;
+        // Single precision throughout: the exact equality below must agree with
+        // the table's float rates, so the arithmetic must be the same every time.
+        float fps = static_cast<float>(bt.pixelclock) / static_cast<float>(total_width * total_height);
+        if (bt.flags & V4L2_DV_FL_REDUCED_FPS)
+            fps = static_cast<float>(static_cast<double>(fps) / 1.001);
+
+        if (static_cast<int32_t>(bt.width) == row.width && static_cast<int32_t>(bt.height) == row.height &&
+            fps == row.fps) {
+            v4l2_dv_timings timings = en.timings;
+            if (xioctl(m_hDevice, VIDIOC_S_DV_TIMINGS, &timings) == -1)
+                g_print("qbjtrenderer: Can't set dv timing %dx%d, %.2ffps, device = %s\n", bt.width, bt.height,
+                        static_cast<double>(fps), m_strName.c_str());
+            break;
+        }
+        // Not used: a node that cannot even report its format ends the search.
+        v4l2_format fmt{};
+        fmt.type = buffer_type;
+        if (xioctl(m_hDevice, VIDIOC_G_FMT, &fmt) == -1)
+            break;
+    }
+
+    v4l2_dv_timings current{};
+    if (xioctl(m_hDevice, VIDIOC_G_DV_TIMINGS, &current) == -1) {
+        g_print("qbjtrenderer: Can't get dv timing, device = %s\n", m_strName.c_str());
+        return false;
+    }
+    v4l2_format fmt{};
+    fmt.type = buffer_type;
+    if (xioctl(m_hDevice, VIDIOC_G_FMT, &fmt) == -1) {
+        g_print("qbjtrenderer: Can't get device format, device = %s\n", m_strName.c_str());
+        return false;
+    }
+    set_control(V4L2_CID_JUTVANE_FORMAT_COMMIT, 1);
+    return true;
+}
+
+int qv_v4l2_base_output_device::get_genlock_state() const
+{
+    if (m_hDevice == -1)
+        return 0;
+    v4l2_control ctrl{};
+    ctrl.id = V4L2_CID_JUTVANE_GENLOCK_STATE;
+    ctrl.value = -1;
+    xioctl(m_hDevice, VIDIOC_G_CTRL, &ctrl);
+    return ctrl.value;
+}
+
+int qv_v4l2_base_output_device::get_genlock_source() const
+{
+    if (m_hDevice == -1)
+        return 0;
+    v4l2_control ctrl{};
+    ctrl.id = V4L2_CID_JUTVANE_GENLOCK_SOURCE;
+    ctrl.value = -1;
+    xioctl(m_hDevice, VIDIOC_G_CTRL, &ctrl);
+    return ctrl.value;
+}
+
+void qv_v4l2_base_output_device::update_statisitcs(unsigned seq)
+{
+    const int32_t state = get_genlock_state();
+    if (state != m_genlock_state)
+        g_print("qvjtrenderer: genlock lock state changed %d => %d\n", m_genlock_state, state);
+    m_genlock_state = state;
+    const int32_t source = get_genlock_source();
+    if (source != m_genlock_source)
+        g_print("qvjtrenderer: genlock lock source changed %d => %d\n", m_genlock_source, source);
+    m_genlock_source = source;
+
+    // Single precision on purpose: this is the figure the statistics show.
+    const float ns = static_cast<float>(static_cast<uint64_t>(seq) * 1000000000ull);
+    const uint64_t device_time = static_cast<uint64_t>(ns / get_board_format().fps);
+
+    std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+    m_statistics.m_nGenlockState = state;
+    m_statistics.m_nGenlockSource = source;
+    m_statistics.m_nDeviceTime = device_time;
+    const uint32_t prev = m_statistics.nSeqFromDevice;
+    m_statistics.nSeqFromDevice = seq;
+    // A step of one is normal; a gap of k counts k - 1, a step back its size.
+    m_statistics.m_nDeviceDroppedFrame +=
+        static_cast<uint64_t>(std::llabs(static_cast<int64_t>(seq) - static_cast<int64_t>(prev) - 1));
+}
+
+void qv_v4l2_base_output_device::init_watchdog()
+{
+    if (m_hDevice == -1)
+        return;
+    if (m_bUseWatchdog) {
+        set_control(V4L2_CID_JUTVANE_STOP_STATE, 0);
+        set_control(V4L2_CID_JUTVANE_WATCHDOG_ENABLE, 1);
+    } else {
+        set_control(V4L2_CID_JUTVANE_WATCHDOG_ENABLE, 0);
+        set_control(V4L2_CID_JUTVANE_STOP_STATE, 0);
+    }
+}
+
+void qv_v4l2_base_output_device::notify_watchdog(int timeout_ms)
+{
+    if (m_hDevice == -1 || !m_bUseWatchdog)
+        return;
+    set_control(V4L2_CID_JUTVANE_WATCHDOG_NOTIFY, timeout_ms);
+}
+
+void qv_v4l2_base_output_device::deinit_watchdog()
+{
+    if (m_hDevice == -1)
+        return;
+    set_control(V4L2_CID_JUTVANE_WATCHDOG_ENABLE, 0);
+    set_control(V4L2_CID_JUTVANE_STOP_STATE, m_bUseWatchdog ? 1 : 0);
+}
+
+bool qv_v4l2_base_output_device::start_device()
+{
+    init_watchdog();
+    return start_renderer();
+}
+
+void qv_v4l2_base_output_device::stop_device()
+{
+    stop_renderer();
+    deinit_watchdog();
+    m_seq_frame.exchange(0);
+}

@@ -1,0 +1,137 @@
+// Common base of the board's two V4L2 video output devices: probing a node,
+// taking over its descriptor, choosing the SDI mode through the DV-timings
+// interface, genlock, the device-side statistics and the output watchdog.
+#pragma once
+
+#include "qv_types.h"
+#include "v4l2_jutvane.h"
+
+#include "qvformats.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+class qv_renderer_statistics;
+
+// The SDI modes of the board family; the value indexes qv_board_formats.
+enum qv_v4l2_enum_sdi_mode {
+    qv_720x576_25i = 0,
+    qv_720x576_30i = 1, // 576 lines at 30 frames a second: the board offers it so
+    qv_1920x1080_25i = 2,
+    qv_1920x1080_30i = 3,
+    qv_1920x1080_50p = 4,
+    qv_1920x1080_60p = 5,
+    qv_1280x720_50p = 6,
+    qv_1280x720_5994p = 7,
+    qv_1280x720_60p = 8,
+    qv_1920x1080_2398p = 9,
+    qv_1920x1080_24p = 10,
+    qv_1920x1080_25p = 11,
+    qv_1920x1080_2997p = 12,
+    qv_1920x1080_5994p = 13,
+    qv_3840x2160_25p = 14,
+    qv_3840x2160_2997p = 15,
+    qv_3840x2160_30p = 16,
+    qv_3840x2160_50p = 17,
+    qv_3840x2160_5994p = 18,
+    qv_3840x2160_60p = 19,
+};
+
+struct qv_v4l2_video_format {
+    int32_t width;
+    int32_t height;
+    float fps; // frame rate, also for interlaced modes
+    bool isProgressive;
+    bool isHD;
+};
+
+constexpr size_t qv_board_formats_count = 20;
+extern const qv_v4l2_video_format qv_board_formats[qv_board_formats_count];
+
+// The row of a mode; out-of-range values fall back to row 0 so that a bad
+// property value can never index past the table.
+const qv_v4l2_video_format& qv_board_format(qv_v4l2_enum_sdi_mode mode);
+
+// ioctl, repeated while it is interrupted by a signal. Returns the last
+// result; errno is that of the last attempt.
+int xioctl(int fd, unsigned long request, void* arg);
+
+// The board's pixel format codes as the image library knows them.
+QVSDK::QVEnumFormats qv_format_from_fourcc(uint32_t fourcc);
+QVSDK::QVFieldOrder qv_field_order_from_v4l2(uint32_t field);
+
+class qv_v4l2_base_output_device {
+public:
+    enum eDeviceType {
+        eDTNone = 0,       // cannot be used
+        eDTSepare = 1,     // single-plane output node (plus a VBI node)
+        eDTMultiPlane = 2, // multi-plane output node
+        eDTUnknown = 3,    // not an output node
+    };
+
+    explicit qv_v4l2_base_output_device(qv_renderer_statistics& statistics);
+    virtual ~qv_v4l2_base_output_device();
+    qv_v4l2_base_output_device(const qv_v4l2_base_output_device&) = delete;
+    qv_v4l2_base_output_device& operator=(const qv_v4l2_base_output_device&) = delete;
+
+    // Opens and classifies a node. For eDTSepare and eDTMultiPlane the opened
+    // descriptor is left in fd for init_device; otherwise fd is -1.
+    static eDeviceType CheckDevice(int& fd, const std::string& name);
+
+    // Watchdog armed or disarmed, then streaming on.
+    bool start_device();
+    // Streaming off, watchdog released, sequence back to 0.
+    void stop_device();
+
+    bool is_open() const { return m_hDevice != -1; }
+    const std::string& get_name() const { return m_strName; }
+    qv_v4l2_enum_sdi_mode get_sdi_mode() const { return m_format; }
+    // The qv_board_formats row of the configured mode (size, rate, scan).
+    const qv_v4l2_video_format& get_board_format() const { return qv_board_format(m_format); }
+    // Pixel format of the frames the device takes.
+    QVSDK::QVEnumFormats get_video_format() const { return m_videoFormat; }
+    uint32_t get_seq_frame() const { return m_seq_frame.load(); }
+
+    // 0 when no device is open; otherwise the control as read (-1 if the read failed).
+    int get_genlock_state() const;
+    int get_genlock_source() const;
+
+protected:
+    // Takes over fd (the caller's variable becomes -1) and switches on VANC and time code.
+    bool init(int& fd, const std::string& name, bool bUseWatchdog, qv_v4l2_enum_sdi_mode mode,
+              v4l2_jutvane_timecode_type timecode_type);
+    void releaseHandle();
+    bool set_v4l2_video_format(unsigned buffer_type);
+
+    // Once per frame whose completion the driver reported, with its sequence number.
+    void update_statisitcs(unsigned seq);
+
+    void init_watchdog();
+    void notify_watchdog(int timeout_ms);
+    void deinit_watchdog();
+
+    virtual bool start_renderer() = 0;
+    virtual bool stop_renderer() = 0;
+
+    bool set_control(uint32_t id, int32_t value) const;
+
+    int m_hDevice = -1;
+    std::string m_strName;
+    qv_renderer_statistics& m_statistics;
+    qv_v4l2_enum_sdi_mode m_format = qv_720x576_25i;
+    QVSDK::QVEnumFormats m_videoFormat = QVSDK::FORMAT_UYVY;
+    uint32_t m_timecodeType = V4L2_TC_TYPE_25FPS;
+    std::vector<std::pair<uint8_t, uint8_t>> m_lineTeletext;
+    std::atomic<uint32_t> m_seq_frame{0};
+    std::mutex m_csTimeStamp; // goes with the time-stamp pair below
+    std::atomic<uint64_t> m_nTimeStamp{0};
+    std::atomic<uint32_t> m_nLastTimeStamp{0};
+    int32_t m_genlock_state = 0;
+    int32_t m_genlock_source = 0;
+    bool m_bUseWatchdog = false;
+};

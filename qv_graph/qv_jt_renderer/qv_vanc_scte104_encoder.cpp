@@ -1,0 +1,100 @@
+#include "qv_vanc_scte104_encoder.h"
+
+#include "qv_vbi_convert.h"
+
+#include <algorithm>
+
+namespace {
+// SMPTE 2010 payload descriptor bits.
+constexpr uint8_t kDescVersion = 0x08;
+constexpr uint8_t kDescFollow = 0x04;    // more packets of this message follow
+constexpr uint8_t kDescContinued = 0x02; // not the message's first packet
+} // namespace
+
+void qv_vanc_scte104_encoder::init(bool isSD, size_t lineCount, size_t width)
+{
+    m_vLine.clear();
+    m_isSD = isSD;
+    m_nLineCount = lineCount;
+    m_vbiDX = width;
+    m_vLine.reserve(lineCount);
+    for (size_t i = 0; i < lineCount; ++i)
+        m_vLine.emplace_back(new uint8_t[width > 0 ? width * 2 : 1]());
+}
+
+void qv_vanc_scte104_encoder::fill(uint8_t* pLine, size_t nBytes)
+{
+    if (!pLine)
+        return;
+    for (size_t i = 0; i + 1 < nBytes; i += 2) {
+        pLine[i] = QV_BLACK_CHROMA_8;
+        pLine[i + 1] = QV_BLACK_LUMA_8;
+    }
+}
+
+std::vector<qv_vanc_scte104_encoder::packet> qv_vanc_scte104_encoder::encoder(const uint8_t* pMessage, size_t nSize,
+                                                                              size_t lineLength)
+{
+    std::vector<packet> result;
+    // Never place words beyond the line buffers, whatever row length the caller has.
+    lineLength = std::min(lineLength, m_vbiDX * 2);
+    const size_t W = m_isSD ? lineLength : lineLength / 2;
+    const size_t C = (W / kMaxPacketWords) * kMaxPayload + std::max(W % kMaxPacketWords, kPacketOverhead) -
+                     kPacketOverhead;
+    if (!pMessage || nSize == 0 || C == 0 || m_nLineCount == 0 ||
+        nSize > std::min(C * m_nLineCount, kMaxMessage))
+        return result;
+
+    const size_t chunkMax = C > kMaxPayload ? kMaxPayload : C;
+    // The capacity R runs over all lines of the message, not per line (deliberate): a
+    // message never takes more than one line's capacity in total.
+    size_t R = C;
+    size_t left = nSize;
+    const uint8_t* src = pMessage;
+    const size_t step = m_isSD ? 1 : 2;
+    const size_t first = m_isSD ? 0 : 1;
+    for (size_t i = 0; i < m_vLine.size() && left > 0 && R > 0; ++i) {
+        uint8_t* line = m_vLine[i].get();
+        fill(line, m_vbiDX * 2);
+        const size_t n = std::min({chunkMax, left, R});
+        const size_t nextR = n < R ? R - n : 0;
+        const bool more = left > n && nextR > 0 && i + 1 < m_vLine.size();
+        uint8_t desc = kDescVersion;
+        if (more)
+            desc |= kDescFollow;
+        if (i > 0)
+            desc |= kDescContinued;
+
+        size_t k = 0;
+        auto put = [&](uint8_t v) { line[first + step * k++] = v; };
+        put(0x00);
+        put(0xFF);
+        put(0xFF);
+        put(kDID);
+        put(kSDID);
+        put(static_cast<uint8_t>(n + 1));
+        put(desc);
+        for (size_t b = 0; b < n; ++b)
+            put(src[b]);
+        put(0x00); // checksum, computed by the 10-bit conversion
+
+        result.emplace_back(line, n + kPacketOverhead);
+        src += n;
+        left -= n;
+        R = nextR;
+    }
+    return result;
+}
+
+bool qv_vanc_scte104_encoder::convert(const uint8_t* pLine, size_t, uint16_t* pDst, size_t nDstSize) const
+{
+    if (!pLine || !pDst)
+        return true;
+    // nDstSize is in 16-bit samples, two per pixel.
+    const size_t pixels = std::min(m_vbiDX, nDstSize / 2);
+    if (m_isSD)
+        ConvertSDIPacketsInUYVY8to10(pDst, pLine, pixels);
+    else
+        ConvertSDIPacketsInYOnly8to10(pDst, pLine, pixels);
+    return true;
+}

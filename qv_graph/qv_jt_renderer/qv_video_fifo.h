@@ -1,0 +1,72 @@
+// Queue of pictures between the video pad and the render thread. Slots are
+// allocated once in the output format; adding converts into a free slot,
+// mapping hands a slot over by output frame number. Used under the FIFO
+// engine's lock; it has none of its own.
+#pragma once
+
+#include "qv_alarms_dispatcher.h"
+#include "qv_renderer_statistics.h"
+#include "qv_types.h"
+
+#include "qv_memory_manager.h"
+#include "qv_transform_image.h"
+#include "qvimage.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <vector>
+
+class qv_video_fifo {
+public:
+    struct qv_fifo_item {
+        int64_t index = 0;
+        QVSDK::QVImage image;
+        uint64_t hw_time = 0;
+        std::chrono::steady_clock::time_point tp{};
+    };
+    using item_ptr = std::shared_ptr<qv_fifo_item>;
+
+    qv_video_fifo(qv_video_statistics& statistics, qv_alarms_dispatcher& dispatcher);
+
+    void init(float fps, QVSDK::QVEnumFormats format, const QVSDK::QVSize& size, QVSDK::QVFieldOrder order);
+    int alloc(size_t n);
+    void clear();
+    void reset();
+    item_ptr get_free_item();
+
+    uint64_t pts_to_image_number(uint64_t pts) const;
+    uint64_t number_to_pts(int64_t n) const;
+
+    bool add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, const QVSDK::QVImage& image,
+                   unsigned long hw_time);
+    bool map_image(uint64_t nIndex, QVSDK::QVImage& image);
+    void update_info_fifo();
+    std::vector<qv_fifo_item_stat> getHWstat() const;
+
+    size_t queued() const { return m_video_fifo.size(); }
+    size_t free_items() const { return m_free_video_fifo.size(); }
+
+    // Set up before streaming starts; read by the render thread without the lock.
+    float m_fps = 25.0f;
+    QVSDK::QVEnumFormats m_video_format{};
+    QVSDK::QVSize m_video_size;
+    QVSDK::QVFieldOrder m_order{};
+    QVSDK::QVMemoryManager m_video_memory_manager;
+    QVSDK::QVTransformImage m_image_transform;
+    // Everything below guarded by the engine's m_csFifo, except the two
+    // indexes, which the render thread also reads without it during pre-roll.
+    std::list<item_ptr> m_video_fifo;      // oldest first
+    std::list<item_ptr> m_free_video_fifo; // most recently freed last
+    item_ptr m_pItem;                      // picture last handed out
+    uint64_t m_nStartTime = 0;
+    uint64_t m_nStopTime = 0;
+    std::atomic<int64_t> m_nStartIndex{0};
+    std::atomic<int64_t> m_nStopIndex{0};
+    uint64_t m_nRealPTS = 0;
+    int64_t m_nLastFrameNumber = -1;
+    qv_video_statistics& m_statistics;
+    qv_alarms_dispatcher& m_dispatcher;
+};

@@ -1,0 +1,92 @@
+// A byte block aligned inside its allocation and shared by reference count, or
+// a view of memory that someone else owns.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace QVSDK {
+
+template <typename T>
+class QVAlignMemory {
+public:
+    std::shared_ptr<T[]> m_p;   // the allocation as obtained; empty for borrowed memory
+    T* m_pAlign = nullptr;      // first aligned element inside the allocation
+    size_t m_size = 0;          // elements in use
+    size_t m_fullSize = 0;      // elements available from m_pAlign
+    size_t m_align = 0;         // alignment in bytes, 0 = none
+
+    QVAlignMemory() = default;
+    QVAlignMemory(size_t size, size_t align) { alloc(size, align); }
+
+    // Copies share the block; moves hand it over.
+    QVAlignMemory(const QVAlignMemory&) = default;
+    QVAlignMemory& operator=(const QVAlignMemory&) = default;
+    QVAlignMemory(QVAlignMemory&& o) noexcept { *this = std::move(o); }
+    QVAlignMemory& operator=(QVAlignMemory&& o) noexcept
+    {
+        if (this != &o) {
+            m_p = std::move(o.m_p);
+            m_pAlign = o.m_pAlign;
+            m_size = o.m_size;
+            m_fullSize = o.m_fullSize;
+            m_align = o.m_align;
+            o.m_pAlign = nullptr;
+            o.m_size = o.m_fullSize = o.m_align = 0;
+        }
+        return *this;
+    }
+
+    // Keeps the current block when it is big enough and aligned the same way, so
+    // that recycled pictures and sounds do not allocate; the block stays shared
+    // with whoever else holds it. Otherwise a new block replaces it.
+    void alloc(size_t size, size_t align)
+    {
+        if (m_p && size <= m_fullSize && align == m_align) {
+            m_size = size;
+            return;
+        }
+        const size_t extra = align != 0 ? align - 1 : 0;
+        std::shared_ptr<T[]> block(new T[size + extra]);
+        T* start = block.get();
+        if (align != 0) {
+            const uintptr_t addr = reinterpret_cast<uintptr_t>(start);
+            const uintptr_t aligned = (addr + extra) / align * align;
+            start = reinterpret_cast<T*>(aligned);
+        }
+        m_p = std::move(block);
+        m_pAlign = start;
+        m_fullSize = size;
+        m_size = size;
+        m_align = align;
+    }
+
+    // Lays this object over memory the caller owns and keeps alive.
+    void attach(T* p, size_t size)
+    {
+        m_p.reset();
+        m_pAlign = p;
+        m_size = size;
+        m_fullSize = size;
+        m_align = 0;
+    }
+
+    void dealloc()
+    {
+        m_p.reset();
+        m_pAlign = nullptr;
+        m_size = m_fullSize = m_align = 0;
+    }
+
+    T* data() const { return m_pAlign; }
+    size_t size() const { return m_size; }
+    size_t fullSize() const { return m_fullSize; }
+    size_t align() const { return m_align; }
+    bool isOwner() const { return static_cast<bool>(m_p); }
+    bool empty() const { return m_pAlign == nullptr; }
+    // Holders of the block, this one included; 0 for borrowed memory.
+    long useCount() const { return m_p.use_count(); }
+};
+
+} // namespace QVSDK
