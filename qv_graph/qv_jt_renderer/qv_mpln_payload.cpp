@@ -58,8 +58,11 @@ void qv_mpln_output_device::fill_audio(qv_mpln_buffers& b, const QVSDK::QVSound&
     if (out == nullptr)
         return;
     std::memset(out, 0, b.mapped[1]);
+    b.planes[1].bytesused = 0;
     const QVSDK::QVSoundFormat& fmt = sound.format();
     const size_t bytes = fmt.m_bit_per_sample / 8;
+    if (frames == 0 || bytes == 0)
+        return;
     // Never read past a sample frame, whatever the format claims about its channels.
     const size_t channels = std::min({static_cast<size_t>(fmt.m_channel), static_cast<size_t>(m_nSdiAudioChCnt),
                                       static_cast<size_t>(fmt.m_block_align) / bytes});
@@ -88,13 +91,15 @@ void qv_mpln_output_device::fill_audio(qv_mpln_buffers& b, const QVSDK::QVSound&
 bool qv_mpln_output_device::push_audio(const QVSDK::QVSound& sound)
 {
     const QVSDK::QVSoundFormat& fmt = sound.format();
-    if (fmt.m_bit_per_sample != 16 && fmt.m_bit_per_sample != 32) {
+    // With no audio line there is no sound at all: the frame goes out without
+    // audio samples, which is not a format error worth a line per frame.
+    if (!sound.isEmpty() && fmt.m_bit_per_sample != 16 && fmt.m_bit_per_sample != 32) {
         g_print("qv_jt_renderer: audio device '%s' audio format (%d) must be 16 or 32 bits !!!\n", m_strName.c_str(),
                 fmt.m_bit_per_sample);
         return false;
     }
     // Frames actually present in the sound's memory, whatever the fill count claims.
-    const size_t available = fmt.m_block_align != 0 ? sound.size() / fmt.m_block_align : 0;
+    const size_t available = fmt.m_block_align != 0 && !sound.isEmpty() ? sound.size() / fmt.m_block_align : 0;
     if (!is_interlaced()) {
         if (m_nFieldBufIndex[0] < 0)
             return false;

@@ -1,0 +1,123 @@
+#include "e2e_fixture.h"
+
+#include "qv_base_statistics.h"
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+class GstEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        gst_init(nullptr, nullptr);
+        gst_plugin_qvjtrenderer_register();
+    }
+};
+
+const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
+
+} // namespace
+
+GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration)
+{
+    const gsize size = static_cast<gsize>(width) * height * 2;
+    GstBuffer* b = gst_buffer_new_allocate(nullptr, size, nullptr);
+    GstMapInfo map;
+    gst_buffer_map(b, &map, GST_MAP_WRITE);
+    for (gsize i = 0; i < size; i += 2) {
+        map.data[i] = 0x80;
+        map.data[i + 1] = luma;
+    }
+    gst_buffer_unmap(b, &map);
+    GST_BUFFER_PTS(b) = pts;
+    GST_BUFFER_DURATION(b) = duration;
+    return b;
+}
+
+void PlayoutTest::make(qvboardsim::NodeKind kind, int mode, unsigned audioLines)
+{
+    const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    m_strPath = std::string("/dev/qvsim-e2e-video-") + info->name();
+    qvboardsim::BoardConfig board;
+    board.kind = kind;
+    board.video_path = m_strPath;
+    board.mode = mode;
+    board.capture.memory = true;
+    board.capture.memory_limit = 4096;
+    qvboardsim::Simulator::instance().configure({board});
+
+    m_pElement = gst_element_factory_make("qvjtrenderer", nullptr);
+    ASSERT_NE(m_pElement, nullptr);
+    gst_object_ref_sink(m_pElement);
+    g_object_set(m_pElement, "v4l2", m_strPath.c_str(), "mode", gulong(mode), "latency", gulong(200),
+                 "buffer_capacity", gulong(4000), "number_of_audio_lines", gulong(audioLines), "use_hwtime", FALSE,
+                 nullptr);
+}
+
+GstHarness* PlayoutTest::harness(const char* pad, const char* caps)
+{
+    GstHarness* h = gst_harness_new_with_element(m_pElement, pad, nullptr);
+    gst_harness_set_src_caps_str(h, caps);
+    m_harnesses.push_back(h);
+    return h;
+}
+
+void PlayoutTest::play()
+{
+    // READY opens the board; the harnesses then take the element to PLAYING.
+    ASSERT_NE(gst_element_set_state(m_pElement, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+}
+
+void PlayoutTest::stop()
+{
+    if (m_pElement)
+        gst_element_set_state(m_pElement, GST_STATE_NULL);
+}
+
+bool PlayoutTest::wait_sent(uint64_t n, int timeout_ms)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (std::chrono::steady_clock::now() < end) {
+        if (qvboardsim::Simulator::instance().frames_sent(m_strPath) >= n)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+std::vector<qvboardsim::CapturedFrame> PlayoutTest::captured()
+{
+    return qvboardsim::Simulator::instance().captured(m_strPath);
+}
+
+std::string PlayoutTest::stat(const std::string& name)
+{
+    gpointer p = nullptr;
+    g_object_get(m_pElement, "statistics", &p, nullptr);
+    for (const auto& [n, v] : static_cast<qv_base_statistics*>(p)->get_items())
+        if (n == name)
+            return v;
+    return "<missing " + name + ">";
+}
+
+void PlayoutTest::feed_live(int n, GstClockTime period, const std::function<void(int)>& push)
+{
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < n; ++i) {
+        std::this_thread::sleep_until(start + std::chrono::nanoseconds(i * period));
+        push(i);
+    }
+}
+
+void PlayoutTest::TearDown()
+{
+    stop();
+    for (GstHarness* h : m_harnesses)
+        gst_harness_teardown(h);
+    m_harnesses.clear();
+    if (m_pElement)
+        gst_object_unref(m_pElement);
+    m_pElement = nullptr;
+}

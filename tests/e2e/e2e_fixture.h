@@ -1,0 +1,38 @@
+// Element + simulated board: one element per test, fed through harnesses, with
+// the board's capture kept in memory.
+#pragma once
+
+#include "gstqvjtrenderer.h"
+#include "qvboardsim.h"
+
+#include <gst/check/gstharness.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+class PlayoutTest : public ::testing::Test {
+protected:
+    void TearDown() override;
+
+    // Configures one board and makes an element bound to it.
+    void make(qvboardsim::NodeKind kind, int mode, unsigned audioLines = 0);
+    GstHarness* harness(const char* pad, const char* caps);
+    void play();
+    void stop();
+    // Waits (bounded) until the board has sent n frames or buffers.
+    bool wait_sent(uint64_t n, int timeout_ms = 10000);
+    std::vector<qvboardsim::CapturedFrame> captured();
+    std::string stat(const std::string& name);
+    // Calls push(i) for i = 0..n-1 at the pace of a live source (frame i at start + i x period).
+    void feed_live(int n, GstClockTime period, const std::function<void(int)>& push);
+
+    std::string m_strPath;
+    GstElement* m_pElement = nullptr;
+    std::vector<GstHarness*> m_harnesses;
+};
+
+// A UYVY frame whose luma is one value everywhere.
+GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration);
