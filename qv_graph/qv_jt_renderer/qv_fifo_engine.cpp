@@ -59,11 +59,11 @@ void PrintAudioInfo(const char* tag, const QVSound& sound)
 qv_fifo_engine::qv_fifo_engine(qv_renderer_statistics& statistics, qv_alarms_dispatcher& dispatcher)
     : m_statistics(statistics),
       m_video_fifo(statistics.m_video, dispatcher),
-      m_teletext_fifo(statistics.m_teletext),
-      m_vbi_fifo(statistics.m_vbi),
+      m_teletext_fifo(statistics.m_teletext, &statistics.m_cs),
+      m_vbi_fifo(statistics.m_vbi, &statistics.m_cs),
       m_scte104_data(new uint8_t[kScte104DataSize]()),
       // SCTE-104 traffic is shown under the SCTE-35 figures: that is where the operator looks for splices.
-      m_scte104_fifo(statistics.m_scte35)
+      m_scte104_fifo(statistics.m_scte35, &statistics.m_cs)
 {
 }
 

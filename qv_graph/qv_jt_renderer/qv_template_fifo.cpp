@@ -22,7 +22,26 @@ void qv_template_fifo::qv_fifo_item::append(const uint8_t* pData, size_t n)
     size += n;
 }
 
-qv_template_fifo::qv_template_fifo(qv_template_statistics& statistics) : m_statistics(statistics) {}
+qv_template_fifo::qv_template_fifo(qv_template_statistics& statistics, std::mutex* pStatisticsLock)
+    : m_statistics(statistics), m_pStatisticsLock(pStatisticsLock)
+{
+}
+
+namespace {
+
+// Text fields of the statistics are read by the application under the
+// record's lock; numbers are single words and are written without it.
+void set_text(std::string& field, const char* text, std::mutex* pLock)
+{
+    if (pLock == nullptr) {
+        field = text;
+        return;
+    }
+    std::lock_guard<std::mutex> lock(*pLock);
+    field = text;
+}
+
+} // namespace
 
 bool qv_template_fifo::init(float fps)
 {
@@ -89,7 +108,7 @@ bool qv_template_fifo::add_data(uint64_t ptsStart, uint64_t /*ptsStop*/, const u
 
     m_statistics.nSampleArrivalTime = ptsStart;
     if (m_free_fifo.empty()) {
-        m_statistics.strLastError = "No place in gst fifo.";
+        set_text(m_statistics.strLastError, "No place in gst fifo.", m_pStatisticsLock);
         return false;
     }
     // The most recently freed item, moved node and all: queueing allocates nothing.
@@ -109,7 +128,7 @@ bool qv_template_fifo::add_data(uint64_t ptsStart, uint64_t /*ptsStop*/, const u
     if (pTimeCode != nullptr) {
         item->timecode.bValid = true;
         item->timecode.timecode = pTimeCode->timecode;
-        m_statistics.strTimecode = pTimeCode->pText != nullptr ? pTimeCode->pText : "";
+        set_text(m_statistics.strTimecode, pTimeCode->pText != nullptr ? pTimeCode->pText : "", m_pStatisticsLock);
     } else {
         item->timecode.bValid = false;
     }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 // A time code that came with a packet, already in the driver's layout.
@@ -33,7 +34,9 @@ public:
     };
     using item_ptr = std::shared_ptr<qv_fifo_item>;
 
-    explicit qv_template_fifo(qv_template_statistics& statistics);
+    // pStatisticsLock guards the record's text fields, which the application
+    // reads from its own thread; null when nobody else reads them.
+    explicit qv_template_fifo(qv_template_statistics& statistics, std::mutex* pStatisticsLock = nullptr);
 
     bool init(float fps);
     void alloc(size_t n);
@@ -60,4 +63,5 @@ public:
     uint64_t m_last_input_frame = 0;
     uint64_t m_nStart = 0;
     qv_template_statistics& m_statistics;
+    std::mutex* m_pStatisticsLock;
 };

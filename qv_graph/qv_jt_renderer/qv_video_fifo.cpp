@@ -124,6 +124,9 @@ bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsR
 bool qv_video_fifo::map_image(uint64_t nIndex, QVSDK::QVImage& image)
 {
     if (m_video_fifo.empty()) {
+        // Cleared and not allocated again: there is no picture to repeat.
+        if (!m_pItem)
+            return false;
         image = m_pItem->image;
         m_statistics.nRepeatedFrame += 1;
         m_dispatcher.repeat_event();
@@ -145,14 +148,21 @@ bool qv_video_fifo::map_image(uint64_t nIndex, QVSDK::QVImage& image)
         }
         // The front becomes current; its list node carries the old current
         // picture to the free list (no node is allocated or freed).
-        std::swap(m_pItem, m_video_fifo.front());
-        m_free_video_fifo.splice(m_free_video_fifo.end(), m_video_fifo, m_video_fifo.begin());
+        if (m_pItem) {
+            std::swap(m_pItem, m_video_fifo.front());
+            m_free_video_fifo.splice(m_free_video_fifo.end(), m_video_fifo, m_video_fifo.begin());
+        } else {
+            m_pItem = std::move(m_video_fifo.front());
+            m_video_fifo.pop_front();
+        }
         bTaken = true;
     }
     if (!bTaken) {
         m_statistics.nRepeatedFrame += 1;
         m_dispatcher.repeat_event();
     }
+    if (!m_pItem)
+        return false;
     m_statistics.nFrameRendererTime = number_to_pts(m_pItem->index);
     image = m_pItem->image;
     update_info_fifo();

@@ -1,0 +1,99 @@
+// Clock smoothing: the low-pass, the loop and the time starter.
+#include "Butterworth.h"
+#include "QVPLL.h"
+#include "qv_time_starter.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+TEST(Butterworth, ResetSettlesOnItsInput)
+{
+    for (long double k : {0.0L, 1.0L, -0.25L, 3.5e-3L}) {
+        CButterworth f(0.0L);
+        f.Reset(k);
+        EXPECT_NEAR(static_cast<double>(f.DigFil(k)), static_cast<double>(k), 1e-12) << static_cast<double>(k);
+        EXPECT_NEAR(static_cast<double>(f.DigFil(k)), static_cast<double>(k), 1e-12);
+    }
+}
+
+TEST(Butterworth, StepResponseRisesMonotonicallyTowardsTheStep)
+{
+    // Independent check of the coefficients: a first-order low-pass with
+    // cut-off 2e-5 of the step rate has a time constant of about
+    // 1 / (2 pi 2e-5) ~ 7958 steps; after that many steps it is near 1 - 1/e.
+    CButterworth f(0.0L);
+    long double prev = 0.0L;
+    long double y = 0.0L;
+    for (int i = 0; i < 7958; ++i) {
+        y = f.DigFil(1.0L);
+        ASSERT_GE(y, prev);
+        prev = y;
+    }
+    EXPECT_NEAR(static_cast<double>(y), 1.0 - std::exp(-1.0), 0.01);
+}
+
+TEST(QVPLL, StepRightAfterResetReturnsTheStreamTime)
+{
+    // Frame-aligned stream times as a feed produces them. (Arbitrary values may
+    // come back one unit low: the result is truncated after a double division.)
+    for (long s : {0L, 400000L, 3600000000L, 36000000000L}) {
+        CQVPLL pll;
+        const long h = 987654321L;
+        pll.ResetPLL(h, s);
+        EXPECT_EQ(pll.SetTimeToPLL(h, s), s);
+        EXPECT_EQ(pll.m_dRegulator, 0.0L);
+    }
+}
+
+TEST(QVPLL, FollowsAHardwareClockThatRunsFast)
+{
+    // 25 frames per second in 100 ns units; the hardware clock runs 1000 ppm fast.
+    const long frame = 400000;
+    CQVPLL pll;
+    pll.ResetPLL(0, 0);
+    long double lastRegulator = 0.0L;
+    long lastLead = 0;
+    for (long n = 1; n <= 3000; ++n) {
+        const long stream = n * frame;
+        const long hw = n * frame + n * frame / 1000;
+        const long out = pll.SetTimeToPLL(hw, stream);
+        if (n % 250 == 0) {
+            EXPECT_GT(pll.m_dRegulator, lastRegulator) << "frame " << n;
+            EXPECT_GT(out - stream, lastLead) << "frame " << n;
+            lastRegulator = pll.m_dRegulator;
+            lastLead = out - stream;
+        }
+        EXPECT_GE(out, stream - 1); // truncation may lose the last unit
+    }
+    EXPECT_EQ(pll.m_ulCounter, 3000u);
+    EXPECT_EQ(pll.m_listIRegulator.size(), CQVPLL::kHistory);
+}
+
+TEST(QvTimeStarter, StampsRelativeToTheFirst)
+{
+    struct step {
+        long start, stop;
+        long relStop, relStart;
+        bool accepted;
+    };
+    const std::vector<step> steps = {
+        {100, 140, 40, 0, true},
+        {140, 180, 80, 40, true},
+        {90, 130, 30, -10, false},
+    };
+    qv_time_starter ts;
+    ts.reset();
+    for (const step& s : steps) {
+        const auto [relStop, relStart, ok] = ts.set_time_stamp(s.start, s.stop);
+        EXPECT_EQ(relStop, s.relStop);
+        EXPECT_EQ(relStart, s.relStart);
+        EXPECT_EQ(ok, s.accepted);
+    }
+    ts.reset();
+    const auto [relStop, relStart, ok] = ts.set_time_stamp(500, 520);
+    EXPECT_EQ(relStart, 0);
+    EXPECT_EQ(relStop, 20);
+    EXPECT_TRUE(ok);
+}

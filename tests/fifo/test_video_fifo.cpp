@@ -1,0 +1,221 @@
+// The video FIFO: frame numbering from stamps, repeat and skip rules, messages, statistics.
+#include "qv_video_fifo.h"
+
+#include "fifo_test_util.h"
+#include "print_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using fifo_test::number_of;
+using fifo_test::numbered_uyvy;
+using QVSDK::QVImage;
+
+namespace {
+
+constexpr uint64_t kFrame = 40000000; // ns at 25 frames per second
+
+class VideoFifo : public ::testing::Test {
+protected:
+    VideoFifo() : fifo(stats.m_video, alarms)
+    {
+        fifo.init(25.0f, QVSDK::FORMAT_UYVY, QVSDK::QVSize(fifo_test::kW, fifo_test::kH),
+                  QVSDK::FieldOrder_Upper_First);
+        fifo.alloc(8);
+    }
+    bool add(uint64_t pts, uint8_t n, unsigned long hw = 0)
+    {
+        return fifo.add_image(pts, pts + kFrame, pts, numbered_uyvy(n), hw);
+    }
+    std::vector<int64_t> indexes() const
+    {
+        std::vector<int64_t> v;
+        for (const auto& i : fifo.m_video_fifo)
+            v.push_back(i->index);
+        return v;
+    }
+
+    qv_renderer_statistics stats;
+    qv_alarms_dispatcher alarms;
+    qv_video_fifo fifo;
+};
+
+} // namespace
+
+TEST_F(VideoFifo, FrameNumberConversionsAtTwentyFive)
+{
+    EXPECT_EQ(fifo.pts_to_image_number(40000000), 1u);
+    EXPECT_EQ(fifo.pts_to_image_number(19999999), 0u);
+    EXPECT_EQ(fifo.pts_to_image_number(20000000), 1u);
+    EXPECT_EQ(fifo.number_to_pts(3), 120000000u);
+    // At 29.97 the reverse conversion has no rounding term and may fall below the stamp.
+    qv_video_fifo ntsc(stats.m_video, alarms);
+    ntsc.init(29.97f, QVSDK::FORMAT_UYVY, QVSDK::QVSize(16, 2), QVSDK::FieldOrder_Upper_First);
+    for (uint64_t pts : {33366700ull, 1000000000ull, 3600000000000ull}) {
+        const uint64_t n = ntsc.pts_to_image_number(pts);
+        const uint64_t back = ntsc.number_to_pts(static_cast<int64_t>(n));
+        EXPECT_LE(back, pts + 33366700 / 2 + 1);
+        EXPECT_GE(back + 33366700, pts);
+    }
+}
+
+TEST_F(VideoFifo, NominalFeedFromZeroIsNumberedSilently)
+{
+    print_capture console;
+    for (uint8_t i = 0; i < 8; ++i)
+        ASSERT_TRUE(add(i * kFrame, i));
+    EXPECT_EQ(indexes(), (std::vector<int64_t>{0, 1, 2, 3, 4, 5, 6, 7}));
+    EXPECT_TRUE(console.lines().empty());
+    EXPECT_EQ(fifo.m_nStartIndex, 0);
+    EXPECT_EQ(fifo.m_nStopIndex, 7);
+    EXPECT_EQ(stats.m_video.nFifoFullness, 7 * kFrame);
+    EXPECT_EQ(stats.m_video.nFrameArrivalTime, 7 * kFrame);
+}
+
+TEST_F(VideoFifo, OneFrameJitterIsAbsorbedLargerJumpsReanchorOnce)
+{
+    struct step {
+        uint64_t pts;
+        int64_t expected;
+        bool message;
+    };
+    const std::vector<step> steps = {
+        {0, 0, false},
+        {kFrame + kFrame / 3, 1, false},     // late by a third
+        {2 * kFrame - kFrame / 3, 2, false}, // early by a third
+        {4 * kFrame, 3, false},              // a whole frame ahead: counted on
+        {7 * kFrame, 7, true},               // three frames: re-anchored
+        {8 * kFrame, 8, false},
+        {5 * kFrame, 5, true},               // backwards by more than one
+    };
+    print_capture console;
+    for (size_t i = 0; i < steps.size(); ++i) {
+        console.clear();
+        ASSERT_TRUE(add(steps[i].pts, static_cast<uint8_t>(i)));
+        EXPECT_EQ(fifo.m_video_fifo.back()->index, steps[i].expected) << "step " << i;
+        EXPECT_EQ(console.lines().size(), steps[i].message ? 1u : 0u) << "step " << i;
+    }
+}
+
+TEST_F(VideoFifo, ReanchorMessageNamesBothFrameNumbersAndStamps)
+{
+    ASSERT_TRUE(add(0, 0));
+    print_capture console;
+    ASSERT_TRUE(add(75 * kFrame, 1));
+    ASSERT_EQ(console.lines().size(), 1u);
+    EXPECT_EQ(console.lines()[0], "qv_jt_renderer: video: nCurrentFrame = 75, m_nLastFrameNumber = 1, ptsStart = "
+                                  "00:00:03.000, ptsOldStart = 00:00:00.000\n");
+}
+
+TEST_F(VideoFifo, MapShowsTheNewestDuePictureAndCountsSkips)
+{
+    for (uint8_t i = 3; i <= 6; ++i)
+        ASSERT_TRUE(add(i * kFrame, i));
+    // The first stamp re-anchors to 3 and the rest follow.
+    ASSERT_EQ(indexes(), (std::vector<int64_t>{3, 4, 5, 6}));
+    print_capture console;
+    QVImage out;
+    EXPECT_TRUE(fifo.map_image(5, out));
+    EXPECT_EQ(number_of(out), 5);
+    EXPECT_EQ(stats.m_video.nSkipFrame, 2u);
+    EXPECT_EQ(console.count_containing("qv_jt_renderer: skip fifo frame m_pItem->index = 3 to nIndex = 5"), 1u);
+    EXPECT_EQ(console.count_containing("qv_jt_renderer: skip fifo frame m_pItem->index = 4 to nIndex = 5"), 1u);
+    EXPECT_EQ(indexes(), (std::vector<int64_t>{6}));
+    EXPECT_EQ(stats.m_video.nFrameRendererTime, 5 * kFrame);
+    EXPECT_EQ(fifo.free_items(), 7u);
+}
+
+TEST_F(VideoFifo, PictureNotYetDueRepeatsTheCurrentOne)
+{
+    ASSERT_TRUE(add(0, 10));
+    QVImage out;
+    ASSERT_TRUE(fifo.map_image(0, out));
+    // Two frames missing: the count re-anchors to 3.
+    ASSERT_TRUE(add(3 * kFrame, 13));
+    ASSERT_TRUE(add(4 * kFrame, 14));
+    ASSERT_EQ(indexes(), (std::vector<int64_t>{3, 4}));
+    print_capture console;
+    EXPECT_TRUE(fifo.map_image(2, out));
+    EXPECT_EQ(number_of(out), 10);
+    EXPECT_EQ(stats.m_video.nRepeatedFrame, 1u);
+    EXPECT_TRUE(console.lines().empty());
+    EXPECT_TRUE(fifo.map_image(3, out));
+    EXPECT_EQ(number_of(out), 13);
+}
+
+TEST_F(VideoFifo, EmptyQueueRepeatsWithMessageAndFails)
+{
+    print_capture console;
+    QVImage out;
+    // Before any frame: the freshly initialised picture is repeated.
+    EXPECT_FALSE(fifo.map_image(0, out));
+    EXPECT_EQ(out.width(), fifo_test::kW);
+    ASSERT_TRUE(add(0, 42));
+    ASSERT_TRUE(fifo.map_image(0, out));
+    EXPECT_FALSE(fifo.map_image(1, out));
+    EXPECT_EQ(number_of(out), 42);
+    EXPECT_EQ(stats.m_video.nRepeatedFrame, 2u);
+    ASSERT_EQ(console.lines().size(), 2u);
+    EXPECT_EQ(console.lines()[1], "qv_jt_renderer: [fifo empty] repeat render image m_pItem->index = 0 to nIndex = 1\n");
+}
+
+TEST_F(VideoFifo, LateFrameBehindADueOneIsDroppedNotShown)
+{
+    // Producer stalls, then delivers frames 0..3 at once; the consumer is at frame 3.
+    for (uint8_t i = 0; i < 4; ++i)
+        ASSERT_TRUE(add(i * kFrame, i));
+    QVImage out;
+    ASSERT_TRUE(fifo.map_image(3, out));
+    EXPECT_EQ(number_of(out), 3);
+    EXPECT_EQ(stats.m_video.nSkipFrame, 3u);
+    EXPECT_EQ(fifo.queued(), 0u);
+}
+
+TEST_F(VideoFifo, ResetKeepsTheCurrentPictureForRepeats)
+{
+    ASSERT_TRUE(add(0, 7));
+    ASSERT_TRUE(add(kFrame, 8));
+    QVImage out;
+    ASSERT_TRUE(fifo.map_image(0, out));
+    fifo.reset();
+    EXPECT_EQ(fifo.queued(), 0u);
+    EXPECT_EQ(fifo.free_items(), 8u);
+    EXPECT_EQ(fifo.m_nRealPTS, 0u);
+    EXPECT_EQ(fifo.m_nLastFrameNumber, -1);
+    EXPECT_FALSE(fifo.map_image(5, out));
+    EXPECT_EQ(number_of(out), 7);
+    fifo.clear();
+    EXPECT_EQ(fifo.free_items(), 0u);
+    EXPECT_EQ(fifo.m_pItem, nullptr);
+    // Not allocated again: nothing to repeat, nothing to queue, and no crash.
+    EXPECT_FALSE(fifo.map_image(6, out));
+    EXPECT_FALSE(add(6 * kFrame, 9));
+}
+
+TEST_F(VideoFifo, HardwareStatisticsListOnlyStampedFrames)
+{
+    ASSERT_TRUE(add(0, 0, 0));
+    ASSERT_TRUE(add(kFrame, 1, 0x1'0000'0005ul));
+    ASSERT_TRUE(add(2 * kFrame, 2, 0));
+    ASSERT_TRUE(add(3 * kFrame, 3, 77));
+    const auto rows = fifo.getHWstat();
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0].index, 1);
+    EXPECT_EQ(rows[0].hw_time, 5u); // truncated to 32 bits
+    EXPECT_EQ(rows[1].index, 3);
+    EXPECT_EQ(rows[1].hw_time, 77u);
+    EXPECT_LE(rows[0].tp, rows[1].tp);
+}
+
+TEST_F(VideoFifo, UnconvertiblePictureGoesOutBlack)
+{
+    QVImage wide(fifo_test::kW, fifo_test::kH, QVSDK::FieldOrder_Upper_First, QVSDK::FORMAT_Y16);
+    ASSERT_TRUE(add(0, 0x55));
+    QVImage out;
+    ASSERT_TRUE(fifo.map_image(0, out));
+    ASSERT_TRUE(fifo.add_image(kFrame, 2 * kFrame, kFrame, wide, 0));
+    ASSERT_TRUE(fifo.map_image(1, out));
+    EXPECT_EQ(out.data(0)[0], 128); // U
+    EXPECT_EQ(out.data(0)[1], 16);  // Y
+}
