@@ -1,9 +1,24 @@
 #!/usr/bin/env bash
-# The main job: build, install the plug-in, and play a short test programme
-# through it with no board, printing the statistics snapshot.
+# The main job: build and install, then play a three-second test programme
+# through the installed plug-in, first with no board, then on the simulated
+# multi-plane board (1080i50, two audio lines), printing the statistics and
+# what the board sent out.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 cmake --preset default
 cmake --build --preset default -j "$(nproc)"
 cmake --install build
+ldconfig
+
+echo "=== no board"
 qvjt-playout --seconds 3
+
+echo "=== simulated multi-plane board"
+capture=$(mktemp --suffix=.qvcap)
+QVBOARDSIM="[board];kind=multi;video=/dev/qvsim-video1;mode=2;capture=$capture;capture_summary=1" \
+LD_PRELOAD=/usr/local/lib/libqvboardsim.so \
+  qvjt-playout --v4l2 /dev/qvsim-video1 --mode 2 --width 1920 --height 1080 --audio-lines 2 --seconds 3
+echo "=== what the board sent (first and last fields)"
+qvboardsim-inspect "$capture" | head -5
+qvboardsim-inspect "$capture" | tail -3
+rm -f "$capture"
