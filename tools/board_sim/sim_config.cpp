@@ -214,9 +214,9 @@ void apply_config_faults(Board& b)
     auto it = pf.find(b.cfg.video_path);
     if (it == pf.end())
         return;
-    b.faults.qbuf.spec = it->second.qbuf;
-    b.faults.dqbuf.spec = it->second.dqbuf;
-    b.faults.streamon.spec = it->second.streamon;
+    b.faults.qbuf.plan = it->second.qbuf;
+    b.faults.dqbuf.plan = it->second.dqbuf;
+    b.faults.streamon.plan = it->second.streamon;
     b.faults.error_every = it->second.error_every;
     b.faults.error_count = it->second.error_count;
     b.faults.drop_every = it->second.drop_every;

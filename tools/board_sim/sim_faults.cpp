@@ -6,14 +6,14 @@ namespace qvboardsim {
 
 bool CallFaultState::trigger(int& err)
 {
-    if (spec.count == 0)
+    if (plan.count == 0)
         return false;
-    if (seen < spec.after) {
+    if (seen < plan.after) {
         ++seen;
         return false;
     }
-    --spec.count;
-    err = spec.err;
+    --plan.count;
+    err = plan.err;
     return true;
 }
 

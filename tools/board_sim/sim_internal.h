@@ -86,7 +86,7 @@ uint32_t hw_ticks(int64_t boot_ns, double ppm, int64_t t_ns);
 
 // ---- faults (sim_faults.cpp) ----
 struct CallFaultState {
-    CallFault spec;
+    CallFault plan;
     unsigned seen = 0;
     // True when this call is to fail; errno to use in `err`.
     bool trigger(int& err);
