@@ -105,6 +105,8 @@ private:
     bool remove_pad(GstPad* pPad);
     uint64_t device_time_locked() const; // m_cs held
     void reset_sequence(bool& bStarted);
+    // Statistics time, FIFO state and pre-roll of one render pass; false ends the pass.
+    bool pass_head(std::chrono::steady_clock::time_point tStart, bool& bStarted, uint32_t& nStartIndex);
 
     // Guards open, close, the reopening in reset, the add calls and the end of the render thread.
     std::recursive_mutex m_cs;

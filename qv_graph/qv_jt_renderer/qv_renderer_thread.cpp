@@ -39,6 +39,31 @@ void qv_renderer::reset_sequence(bool& bStarted)
     bStarted = false;
 }
 
+bool qv_renderer::pass_head(std::chrono::steady_clock::time_point tStart, bool& bStarted, uint32_t& nStartIndex)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+        m_statistics.m_nSystemTime = static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now() - tStart).count());
+    }
+    if (m_fifo.m_state != fifo_ok) {
+        reset_sequence(bStarted);
+        return false;
+    }
+    if (!bStarted) {
+        // Pre-roll until the video FIFO spans the latency.
+        const qv_video_fifo& vf = m_fifo.m_video_fifo;
+        const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
+        if (nBuffered < m_nLatency) {
+            m_fifo.check_audio_fifo_fullness(m_nLatency);
+            return false;
+        }
+        const int64_t s = m_fifo.start();
+        nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
+    }
+    return true;
+}
+
 void qv_renderer::work_thread_separate(std::future<void>&& exit)
 {
     const steady::time_point tStart = steady::now();
@@ -55,25 +80,8 @@ void qv_renderer::work_thread_separate(std::future<void>&& exit)
     for (;;) {
         if (exit_requested(exit))
             break;
-        {
-            std::lock_guard<std::mutex> lock(m_statistics.m_cs);
-            m_statistics.m_nSystemTime = static_cast<uint64_t>(
-                std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now() - tStart).count());
-        }
-        if (m_fifo.m_state != fifo_ok) {
-            reset_sequence(bStarted);
+        if (!pass_head(tStart, bStarted, nStartIndex))
             continue;
-        }
-        if (!bStarted) {
-            const qv_video_fifo& vf = m_fifo.m_video_fifo;
-            const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
-            if (nBuffered < m_nLatency) {
-                m_fifo.check_audio_fifo_fullness(m_nLatency);
-                continue;
-            }
-            const int64_t s = m_fifo.start();
-            nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
-        }
         if (!m_video_device.map_image(nSeq, deviceImage)) {
             g_print("qv_jt_renderer: can't map buffer from device\n");
             bStarted = true;
@@ -161,25 +169,8 @@ void qv_renderer::work_thread_complex(std::future<void>&& exit)
     for (;;) {
         if (exit_requested(exit))
             break;
-        {
-            std::lock_guard<std::mutex> lock(m_statistics.m_cs);
-            m_statistics.m_nSystemTime = static_cast<uint64_t>(
-                std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now() - tStart).count());
-        }
-        if (m_fifo.m_state != fifo_ok) {
-            reset_sequence(bStarted);
+        if (!pass_head(tStart, bStarted, nStartIndex))
             continue;
-        }
-        if (!bStarted) {
-            const qv_video_fifo& vf = m_fifo.m_video_fifo;
-            const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
-            if (nBuffered < m_nLatency) {
-                m_fifo.check_audio_fifo_fullness(m_nLatency);
-                continue;
-            }
-            const int64_t s = m_fifo.start();
-            nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
-        }
         if (!m_mpln_device.can_render(nSeq)) {
             g_print("qv_jt_renderer: device is not ready for next frame\n");
             bStarted = true;
