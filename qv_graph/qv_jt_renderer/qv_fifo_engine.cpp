@@ -5,12 +5,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "scte35.h"
-#if __has_include("scte_convert.h")
 #include "scte104.h"
+#include "scte35.h"
 #include "scte_convert.h"
-#define QV_HAVE_SCTE_CONVERT 1
-#endif
 
 using QVSDK::QVImage;
 using QVSDK::QVSound;
@@ -271,7 +268,6 @@ int qv_fifo_engine::queue_scte35_as_scte104(const uint8_t* pSection, size_t nLen
         return 1;
     if (m_video_fifo.m_nRealPTS == ~uint64_t(0))
         return 1;
-#ifdef QV_HAVE_SCTE_CONVERT
     const auto message = mpegcore::to_scte104(static_cast<long>(m_video_fifo.m_nRealPTS),
                                               static_cast<double>(m_video_fifo.m_fps), section);
     if (!message || !message->write(m_scte104_data.get(), kScte104DataSize))
@@ -281,9 +277,6 @@ int qv_fifo_engine::queue_scte35_as_scte104(const uint8_t* pSection, size_t nLen
                                    n, nullptr)
                ? 1
                : 0;
-#else
-    return 1;
-#endif
 }
 
 int qv_fifo_engine::map_next_frame(unsigned frame, QVImage& image, QVSound& sound, std::vector<uint8_t>* pTeletext,

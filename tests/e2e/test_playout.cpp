@@ -156,4 +156,58 @@ TEST_F(PlayoutTest, Scte104GoesOutAsVancPacketOnTheConfiguredLine)
     EXPECT_EQ(found, 1) << "the message goes out once, on line 10";
 }
 
+TEST_F(PlayoutTest, Scte35SpliceInsertBecomesScte104InVanc)
+{
+    make(NodeKind::multi_plane, 6); // 720p50
+    guint8 lines[64] = {};
+    lines[9] = 2;
+    g_object_set(m_pElement, "vbi_lines", lines, nullptr);
+    GstHarness* video = harness("sink_video", "video/x-raw,format=UYVY,width=1280,height=720,framerate=50/1,"
+                                              "pixel-aspect-ratio=1/1,interlace-mode=progressive");
+    GstHarness* scte = harness("sink_scte35", "application/x-scte35");
+    play();
+    // The splice_insert sample section of the SCTE 35 standard (section 14.2).
+    gsize nSection = 0;
+    guchar* section = g_base64_decode("/DAvAAAAAAAA///wFAVIAACPf+/+c2nALv4AUsz1AAAAAAAKAAhDVUVJAAABNWLbowo=", &nSection);
+    const GstClockTime frame = GST_SECOND / 50;
+    feed_live(60, frame, [&](int i) {
+        GstBuffer* b = flat_uyvy(1280, 720, 60, i * frame, frame);
+        GST_BUFFER_DTS(b) = GST_BUFFER_PTS(b);
+        EXPECT_EQ(gst_harness_push(video, b), GST_FLOW_OK);
+        if (i == 30) {
+            // A pointer field of 0 comes first, as in a transport stream packet.
+            GstBuffer* s = gst_buffer_new_allocate(nullptr, nSection + 1, nullptr);
+            gst_buffer_memset(s, 0, 0, 1);
+            gst_buffer_fill(s, 1, section, nSection);
+            EXPECT_EQ(gst_harness_push(scte, s), GST_FLOW_OK);
+        }
+    });
+    stop();
+    g_free(section);
+
+    int found = 0;
+    for (const auto& f : captured()) {
+        if (f.vbi_lines <= 10)
+            continue;
+        for (const auto& p : qvboardsim::find_anc(f.vbi.data() + 10 * f.vbi_samples, f.vbi_samples, 10, true)) {
+            if (p.did != 0x41 || p.sdid != 0x07)
+                continue;
+            ++found;
+            EXPECT_TRUE(p.checksum_ok);
+            ASSERT_GE(p.udw.size(), 1u + 14u);
+            const uint8_t* m = p.udw.data() + 1; // after the payload descriptor
+            EXPECT_EQ(m[0], 0xFF);
+            EXPECT_EQ(m[1], 0xFF) << "multiple_operation_message";
+            const size_t size = (m[2] << 8) | m[3];
+            EXPECT_EQ(size, p.udw.size() - 1);
+            // The first operation is a splice_request_data of splice event 0x4800008F.
+            ASSERT_GE(size, 20u);
+            EXPECT_EQ((m[12] << 8) | m[13], 0x0101);
+            EXPECT_EQ(m[16], 1) << "splice_insert_type: start normal (out of network, with a time)";
+            EXPECT_EQ((uint32_t(m[17]) << 24) | (m[18] << 16) | (m[19] << 8) | m[20], 0x4800008Fu);
+        }
+    }
+    EXPECT_EQ(found, 1);
+}
+
 } // namespace

@@ -1,0 +1,315 @@
+// GStreamer's MPEG-TS library as an independent implementation of SCTE-35: sections it
+// builds must read field for field, and sections we write must parse in it.
+#define GST_USE_UNSTABLE_API
+#include <gst/gst.h>
+#include <gst/mpegts/mpegts.h>
+
+#include "scte35.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace mpegcore;
+
+namespace {
+
+struct InsertEvent {
+    const char* name;
+    uint8_t commandType; // 0, 5 or 6
+    bool cancel, out, program, immediate, timeSpecified, duration, autoReturn;
+    uint64_t pts, breakTicks, ptsAdjustment;
+    std::vector<std::pair<uint8_t, uint64_t>> components;
+};
+
+class GstOracle : public ::testing::TestWithParam<InsertEvent> {
+protected:
+    static void SetUpTestSuite()
+    {
+        gst_init(nullptr, nullptr);
+        gst_mpegts_initialize();
+    }
+
+    static std::vector<uint8_t> gst_build(const InsertEvent& c)
+    {
+        GstMpegtsSCTESIT* sit = gst_mpegts_scte_sit_new();
+        sit->pts_adjustment = c.ptsAdjustment;
+        sit->splice_command_type = static_cast<GstMpegtsSCTESpliceCommandType>(c.commandType);
+        if (c.commandType == 6) {
+            sit->splice_time_specified = c.timeSpecified;
+            sit->splice_time = c.pts;
+        } else if (c.commandType == 5) {
+            GstMpegtsSCTESpliceEvent* e = gst_mpegts_scte_splice_event_new();
+            e->insert_event = TRUE;
+            e->splice_event_id = 0x4800008f;
+            e->splice_event_cancel_indicator = c.cancel;
+            e->out_of_network_indicator = c.out;
+            e->program_splice_flag = c.program;
+            e->splice_immediate_flag = c.immediate;
+            e->program_splice_time_specified = c.timeSpecified;
+            e->program_splice_time = c.pts;
+            for (auto& comp : c.components) {
+                GstMpegtsSCTESpliceComponent* k = gst_mpegts_scte_splice_component_new(comp.first);
+                k->splice_time_specified = TRUE;
+                k->splice_time = comp.second;
+                g_ptr_array_add(e->components, k);
+            }
+            e->duration_flag = c.duration;
+            e->break_duration_auto_return = c.autoReturn;
+            e->break_duration = c.breakTicks;
+            e->unique_program_id = 0x1234;
+            e->avail_num = 1;
+            e->avails_expected = 2;
+            g_ptr_array_add(sit->splices, e);
+        }
+        GstMpegtsSection* section = gst_mpegts_section_from_scte_sit(sit, 0x1FF);
+        gsize n = 0;
+        guint8* data = gst_mpegts_section_packetize(section, &n);
+        std::vector<uint8_t> out(data, data + n);
+        gst_mpegts_section_unref(section);
+        return out;
+    }
+
+    // Parses with GStreamer and checks every field against the case.
+    static void gst_check(const std::vector<uint8_t>& bytes, const InsertEvent& c)
+    {
+        guint8* copy = static_cast<guint8*>(g_memdup2(bytes.data(), bytes.size()));
+        GstMpegtsSection* section = gst_mpegts_section_new(0x1FF, copy, bytes.size());
+        ASSERT_NE(section, nullptr);
+        const GstMpegtsSCTESIT* sit = gst_mpegts_section_get_scte_sit(section);
+        ASSERT_NE(sit, nullptr) << "GStreamer rejected our section";
+        EXPECT_EQ(sit->splice_command_type, c.commandType);
+        EXPECT_EQ(sit->pts_adjustment, c.ptsAdjustment);
+        EXPECT_EQ(sit->tier, 0xFFF);
+        if (c.commandType == 6) {
+            EXPECT_EQ(!!sit->splice_time_specified, c.timeSpecified);
+            if (c.timeSpecified) {
+                EXPECT_EQ(sit->splice_time, c.pts);
+            }
+        }
+        if (c.commandType == 5) {
+            ASSERT_EQ(sit->splices->len, 1u);
+            auto* e = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 0));
+            EXPECT_EQ(e->splice_event_id, 0x4800008fu);
+            EXPECT_EQ(!!e->splice_event_cancel_indicator, c.cancel);
+            if (!c.cancel) {
+                EXPECT_EQ(!!e->out_of_network_indicator, c.out);
+                EXPECT_EQ(!!e->program_splice_flag, c.program);
+                EXPECT_EQ(!!e->splice_immediate_flag, c.immediate);
+                if (c.program && !c.immediate) {
+                    EXPECT_EQ(!!e->program_splice_time_specified, c.timeSpecified);
+                    if (c.timeSpecified) {
+                        EXPECT_EQ(e->program_splice_time, c.pts);
+                    }
+                }
+                if (!c.program) {
+                    ASSERT_EQ(e->components->len, c.components.size());
+                    for (guint i = 0; i < e->components->len; ++i) {
+                        auto* k = static_cast<GstMpegtsSCTESpliceComponent*>(g_ptr_array_index(e->components, i));
+                        EXPECT_EQ(k->tag, c.components[i].first);
+                        EXPECT_EQ(k->splice_time, c.components[i].second);
+                    }
+                }
+                EXPECT_EQ(!!e->duration_flag, c.duration);
+                if (c.duration) {
+                    EXPECT_EQ(!!e->break_duration_auto_return, c.autoReturn);
+                    EXPECT_EQ(e->break_duration, c.breakTicks);
+                }
+                EXPECT_EQ(e->unique_program_id, 0x1234);
+                EXPECT_EQ(e->avail_num, 1);
+                EXPECT_EQ(e->avails_expected, 2);
+            }
+        }
+        gst_mpegts_section_unref(section);
+    }
+
+    static void our_check(const splice_info_section& s, const InsertEvent& c)
+    {
+        EXPECT_EQ(s.splice_command_type, c.commandType);
+        EXPECT_EQ(s.pts_adjustment, c.ptsAdjustment);
+        EXPECT_EQ(s.reserved1, 0xFFF);
+        EXPECT_EQ(s.descriptors.descriptor.size(), 0u);
+        if (c.commandType == 6) {
+            auto* t = s.command<time_signal_t>();
+            ASSERT_TRUE(t);
+            EXPECT_EQ(t->time_specified_flag, c.timeSpecified);
+            if (c.timeSpecified) {
+                EXPECT_EQ(t->pts_time, c.pts);
+            }
+        }
+        if (c.commandType != 5)
+            return;
+        auto* i = s.command<splice_insert_t>();
+        ASSERT_TRUE(i);
+        EXPECT_EQ(i->splice_event_id, 0x4800008fu);
+        EXPECT_EQ(i->splice_event_cancel_indicator, c.cancel);
+        if (c.cancel)
+            return;
+        EXPECT_EQ(i->out_of_network_indicator, c.out);
+        EXPECT_EQ(i->program_splice_flag, c.program);
+        EXPECT_EQ(i->splice_immediate_flag, c.immediate);
+        EXPECT_EQ(i->duration_flag, c.duration);
+        if (c.program && !c.immediate) {
+            EXPECT_EQ(i->splice_time.time_specified_flag, c.timeSpecified);
+            if (c.timeSpecified) {
+                EXPECT_EQ(i->splice_time.pts_time, c.pts);
+            }
+        }
+        if (!c.program) {
+            ASSERT_EQ(i->components.size(), c.components.size());
+            for (auto& comp : c.components)
+                EXPECT_EQ(i->components.at(comp.first)->splice_time.pts_time, comp.second);
+        }
+        if (c.duration) {
+            EXPECT_EQ(i->break_duration.auto_return, c.autoReturn);
+            EXPECT_EQ(i->break_duration.duration, c.breakTicks);
+        }
+        EXPECT_EQ(i->unique_program_id, 0x1234);
+        EXPECT_EQ(i->avail_num, 1);
+        EXPECT_EQ(i->avails_expected, 2);
+    }
+
+    static void our_build(splice_info_section& s, const InsertEvent& c)
+    {
+        s.pts_adjustment = c.ptsAdjustment;
+        if (c.commandType == 6) {
+            auto& t = s.set_command<time_signal_t>();
+            t.time_specified_flag = c.timeSpecified;
+            t.pts_time = c.pts;
+        } else if (c.commandType == 5) {
+            auto& i = s.set_command<splice_insert_t>();
+            i.splice_event_id = 0x4800008f;
+            i.splice_event_cancel_indicator = c.cancel;
+            i.out_of_network_indicator = c.out;
+            i.program_splice_flag = c.program;
+            i.splice_immediate_flag = c.immediate;
+            i.splice_time.time_specified_flag = c.timeSpecified;
+            i.splice_time.reserved = c.timeSpecified ? 0x3F : 0x7F;
+            i.splice_time.pts_time = c.pts;
+            for (auto& comp : c.components) {
+                auto k = std::make_shared<component_insert_t>();
+                k->component_tag = comp.first;
+                k->splice_time.time_specified_flag = 1;
+                k->splice_time.reserved = 0x3F;
+                k->splice_time.pts_time = comp.second;
+                i.components[comp.first] = k;
+            }
+            i.duration_flag = c.duration;
+            i.break_duration.auto_return = c.autoReturn;
+            i.break_duration.duration = c.breakTicks;
+            i.unique_program_id = 0x1234;
+            i.avail_num = 1;
+            i.avails_expected = 2;
+        }
+    }
+};
+
+} // namespace
+
+TEST_P(GstOracle, WeReadWhatGStreamerBuilds)
+{
+    const auto& c = GetParam();
+    auto bytes = gst_build(c);
+    splice_info_section s;
+    ASSERT_TRUE(s.read(bytes.data(), bytes.size()));
+    our_check(s, c);
+    // Reserved bits are kept as read, so writing back reproduces GStreamer's bytes.
+    std::vector<uint8_t> out(1024);
+    ASSERT_TRUE(s.write(out.data(), out.size()));
+    out.resize(size_t(s.section_length) + 3);
+    EXPECT_EQ(out, bytes);
+}
+
+TEST_P(GstOracle, GStreamerReadsWhatWeWrite)
+{
+    const auto& c = GetParam();
+    splice_info_section s;
+    our_build(s, c);
+    std::vector<uint8_t> out(1024);
+    ASSERT_TRUE(s.write(out.data(), out.size()));
+    out.resize(size_t(s.section_length) + 3);
+    gst_check(out, c);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, GstOracle,
+    ::testing::Values(
+        InsertEvent{"splice_null", 0, false, false, false, false, false, false, false, 0, 0, 0, {}},
+        InsertEvent{"insert_out_with_break", 5, false, true, true, false, true, true, true, 0x07369c02e, 0x52ccf5, 0, {}},
+        InsertEvent{"insert_out_no_auto_return", 5, false, true, true, false, true, true, false, 0x1FFFFFFFF, 2700000, 0, {}},
+        InsertEvent{"insert_in", 5, false, false, true, false, true, false, false, 123456789, 0, 0, {}},
+        InsertEvent{"insert_unspecified_time", 5, false, true, true, false, false, false, false, 0, 0, 0, {}},
+        InsertEvent{"insert_immediate_out", 5, false, true, true, true, false, true, true, 0, 900000, 0, {}},
+        InsertEvent{"insert_cancel", 5, true, false, false, false, false, false, false, 0, 0, 0, {}},
+        InsertEvent{"insert_components", 5, false, true, false, false, false, false, false, 0, 0, 0,
+                    {{1, 1000}, {2, 0x1ABCDEF01}}},
+        InsertEvent{"time_signal", 6, false, false, false, false, true, false, false, 0x072bd0050, 0, 0, {}},
+        InsertEvent{"time_signal_pts_adjustment", 6, false, false, false, false, true, false, false, 8589934591,
+                    0, 0x123456789, {}},
+        InsertEvent{"time_signal_immediate", 6, false, false, false, false, false, false, false, 0, 0, 0, {}}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+// GStreamer cannot build a splice_schedule, but it parses one: ours must read back there.
+TEST(GstOracleSchedule, GStreamerReadsOurSpliceSchedule)
+{
+    gst_init(nullptr, nullptr);
+    gst_mpegts_initialize();
+    splice_info_section s;
+    auto& sch = s.set_command<splice_schedule_t>();
+    auto program = std::make_shared<splice_event_t>();
+    program->splice_event_id = 10;
+    program->out_of_network_indicator = 1;
+    program->utc_splice_time = 0x5E000010;
+    program->duration_flag = 1;
+    program->break_duration.auto_return = 1;
+    program->break_duration.duration = 2700000;
+    program->unique_program_id = 7;
+    program->avail_num = 1;
+    program->avails_expected = 2;
+    sch.splice_event[10] = program;
+    auto components = std::make_shared<splice_event_t>();
+    components->splice_event_id = 11;
+    components->program_splice_flag = 0;
+    for (uint8_t tag : {3, 1}) {
+        auto c = std::make_shared<component_t>();
+        c->component_tag = tag;
+        c->utc_splice_time = 1000u + tag;
+        components->components[tag] = c;
+    }
+    sch.splice_event[11] = components;
+    auto cancelled = std::make_shared<splice_event_t>();
+    cancelled->splice_event_id = 12;
+    cancelled->splice_event_cancel_indicator = 1;
+    sch.splice_event[12] = cancelled;
+
+    std::vector<uint8_t> out(1024);
+    ASSERT_TRUE(s.write(out.data(), out.size()));
+    out.resize(size_t(s.section_length) + 3);
+
+    GstMpegtsSection* section =
+        gst_mpegts_section_new(0x1FF, static_cast<guint8*>(g_memdup2(out.data(), out.size())), out.size());
+    const GstMpegtsSCTESIT* sit = gst_mpegts_section_get_scte_sit(section);
+    ASSERT_NE(sit, nullptr);
+    EXPECT_EQ(sit->splice_command_type, GST_MTS_SCTE_SPLICE_COMMAND_SCHEDULE);
+    ASSERT_EQ(sit->splices->len, 3u);
+    auto* e0 = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 0));
+    EXPECT_EQ(e0->splice_event_id, 10u);
+    EXPECT_TRUE(e0->out_of_network_indicator);
+    EXPECT_TRUE(e0->program_splice_flag);
+    EXPECT_EQ(e0->utc_splice_time, 0x5E000010u);
+    EXPECT_TRUE(e0->duration_flag);
+    EXPECT_TRUE(e0->break_duration_auto_return);
+    EXPECT_EQ(e0->break_duration, 2700000u);
+    EXPECT_EQ(e0->unique_program_id, 7);
+    EXPECT_EQ(e0->avail_num, 1);
+    EXPECT_EQ(e0->avails_expected, 2);
+    auto* e1 = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 1));
+    EXPECT_FALSE(e1->program_splice_flag);
+    ASSERT_EQ(e1->components->len, 2u);
+    auto* c0 = static_cast<GstMpegtsSCTESpliceComponent*>(g_ptr_array_index(e1->components, 0));
+    EXPECT_EQ(c0->tag, 1); // ascending tag order
+    EXPECT_EQ(c0->utc_splice_time, 1001u);
+    auto* e2 = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 2));
+    EXPECT_TRUE(e2->splice_event_cancel_indicator);
+    gst_mpegts_section_unref(section);
+}
