@@ -19,6 +19,9 @@ QVBOARDSIM="[board];kind=multi;video=/dev/qvsim-video1;mode=2;capture=$capture;c
 LD_PRELOAD=/usr/local/lib/libqvboardsim.so \
   qvjt-playout --v4l2 /dev/qvsim-video1 --mode 2 --width 1920 --height 1080 --audio-lines 2 --seconds 3
 echo "=== what the board sent (first and last fields)"
-qvboardsim-inspect "$capture" | head -5
-qvboardsim-inspect "$capture" | tail -3
-rm -f "$capture"
+report=$(mktemp)
+qvboardsim-inspect "$capture" > "$report"
+sed -n '1,5p' "$report"
+echo "..."
+tail -n 3 "$report"
+rm -f "$capture" "$report"
