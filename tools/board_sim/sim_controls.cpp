@@ -160,6 +160,23 @@ const ControlDef* lookup(const Node& n, uint32_t id)
     return d && visible(*d, n) ? d : nullptr;
 }
 
+// The control a QUERYCTRL / QUERY_EXT_CTRL id names: the next one for the
+// NEXT_CTRL / NEXT_COMPOUND flags, an old-style private index, or the id itself.
+const ControlDef* find_queried(const Node& n, uint32_t id)
+{
+    const uint32_t mask = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
+    if (id & mask) {
+        const ControlDef* d = next_control(n, id & ~mask, (id & V4L2_CTRL_FLAG_NEXT_COMPOUND) != 0);
+        // NEXT_COMPOUND alone asks for compound controls only.
+        while (d && (id & mask) == V4L2_CTRL_FLAG_NEXT_COMPOUND && d->type < V4L2_CTRL_COMPOUND_TYPES)
+            d = next_control(n, d->id, true);
+        return d;
+    }
+    if (id >= V4L2_CID_PRIVATE_BASE)
+        return private_control(n, id - V4L2_CID_PRIVATE_BASE);
+    return lookup(n, id);
+}
+
 void fill_query(const ControlDef& d, v4l2_query_ext_ctrl& q)
 {
     std::memset(&q, 0, sizeof q);
@@ -319,18 +336,8 @@ int handle_control_ioctl(Node& n, unsigned long req, void* arg, int& err, int64_
     case VIDIOC_QUERYCTRL: {
         auto* q = static_cast<v4l2_queryctrl*>(arg);
         uint32_t id = q->id;
-        const ControlDef* d = nullptr;
         const uint32_t mask = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
-        if (id & mask) {
-            d = next_control(n, id & ~mask, (id & V4L2_CTRL_FLAG_NEXT_COMPOUND) != 0);
-            while (d && (id & mask) == V4L2_CTRL_FLAG_NEXT_COMPOUND &&
-                   d->type < V4L2_CTRL_COMPOUND_TYPES)
-                d = next_control(n, d->id, true);
-        } else if (id >= V4L2_CID_PRIVATE_BASE) {
-            d = private_control(n, id - V4L2_CID_PRIVATE_BASE);
-        } else {
-            d = lookup(n, id);
-        }
+        const ControlDef* d = find_queried(n, id);
         if (!d) {
             err = EINVAL;
             return -1;
@@ -353,20 +360,8 @@ int handle_control_ioctl(Node& n, unsigned long req, void* arg, int& err, int64_
     case VIDIOC_QUERY_EXT_CTRL: {
         auto* q = static_cast<v4l2_query_ext_ctrl*>(arg);
         uint32_t id = q->id;
-        uint32_t mask = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
-        const ControlDef* d = nullptr;
-        if (id & mask) {
-            bool compound = (id & V4L2_CTRL_FLAG_NEXT_COMPOUND) != 0;
-            d = next_control(n, id & ~mask, compound);
-            // NEXT_COMPOUND alone asks for compound controls only.
-            while (d && (id & mask) == V4L2_CTRL_FLAG_NEXT_COMPOUND &&
-                   d->type < V4L2_CTRL_COMPOUND_TYPES)
-                d = next_control(n, d->id, true);
-        } else if (id >= V4L2_CID_PRIVATE_BASE) {
-            d = private_control(n, id - V4L2_CID_PRIVATE_BASE);
-        } else {
-            d = lookup(n, id);
-        }
+        const uint32_t mask = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
+        const ControlDef* d = find_queried(n, id);
         if (!d) {
             err = EINVAL;
             return -1;
