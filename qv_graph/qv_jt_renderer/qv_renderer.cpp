@@ -309,6 +309,10 @@ void qv_renderer::close()
 
 void qv_renderer::reset()
 {
+    // The pads' add calls read the devices under m_cs; they must not see a
+    // device half closed or half reopened. close() never waits for this
+    // thread while holding m_cs: the render thread is stopped before it.
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
     g_print("qvjtrenderer: start reset\n");
     const bool bMpln = m_mpln_device.is_open();
     if (bMpln) {
