@@ -14,4 +14,4 @@ $SUDO apt-get install -y --no-install-recommends \
     libswscale-dev libswresample-dev libavutil-dev \
     libzvbi-dev \
     libgtest-dev libgmock-dev googletest libbenchmark-dev \
-    v4l-utils libpng-dev
+    v4l-utils libpng-dev zlib1g-dev
