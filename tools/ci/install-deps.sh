@@ -12,6 +12,5 @@ $SUDO apt-get install -y --no-install-recommends \
     gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good \
     libasound2-dev alsa-utils \
     libswscale-dev libswresample-dev libavutil-dev \
-    libzvbi-dev \
     libgtest-dev libgmock-dev googletest libbenchmark-dev \
     v4l-utils libpng-dev zlib1g-dev
