@@ -36,7 +36,7 @@ GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstC
     return b;
 }
 
-void PlayoutTest::make(qvboardsim::NodeKind kind, int mode, unsigned audioLines)
+void PlayoutTest::make(qvboardsim::NodeKind kind, int mode, unsigned audioLines, qvboardsim::Pacing pacing)
 {
     const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
     m_strPath = std::string("/dev/qvsim-e2e-video-") + info->name();
@@ -44,6 +44,7 @@ void PlayoutTest::make(qvboardsim::NodeKind kind, int mode, unsigned audioLines)
     board.kind = kind;
     board.video_path = m_strPath;
     board.mode = mode;
+    board.pacing = pacing;
     board.capture.memory = true;
     board.capture.memory_limit = 4096;
     qvboardsim::Simulator::instance().configure({board});
@@ -54,6 +55,11 @@ void PlayoutTest::make(qvboardsim::NodeKind kind, int mode, unsigned audioLines)
     g_object_set(m_pElement, "v4l2", m_strPath.c_str(), "mode", gulong(mode), "latency", gulong(200),
                  "buffer_capacity", gulong(4000), "number_of_audio_lines", gulong(audioLines), "use_hwtime", FALSE,
                  nullptr);
+}
+
+void PlayoutTest::step(unsigned slots)
+{
+    qvboardsim::Simulator::instance().step(m_strPath, slots);
 }
 
 GstHarness* PlayoutTest::harness(const char* pad, const char* caps)

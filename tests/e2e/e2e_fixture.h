@@ -18,7 +18,10 @@ protected:
     void TearDown() override;
 
     // Configures one board and makes an element bound to it.
-    void make(qvboardsim::NodeKind kind, int mode, unsigned audioLines = 0);
+    void make(qvboardsim::NodeKind kind, int mode, unsigned audioLines = 0,
+              qvboardsim::Pacing pacing = qvboardsim::Pacing::realtime);
+    // Stepped pacing: lets `slots` frame slots (fields on an interlaced multi-plane board) go by.
+    void step(unsigned slots = 1);
     GstHarness* harness(const char* pad, const char* caps);
     void play();
     void stop();
