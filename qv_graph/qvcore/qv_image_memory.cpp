@@ -34,6 +34,28 @@ size_t planeBytes(int plane, int h, int stride, QVEnumFormats f)
     return size_t(std::abs(stride)) * rows;
 }
 
+// Strides of every plane from the first plane's stride; the 4:2:0 chroma
+// planes take `chroma`, which the callers derive differently.
+void planeStrides(QVEnumFormats f, int luma, int chroma, int* strides)
+{
+    strides[0] = luma;
+    strides[1] = strides[2] = strides[3] = 0;
+    switch (f) {
+    case FORMAT_NV12:
+        strides[1] = luma;
+        break;
+    case FORMAT_YV12:
+    case FORMAT_IYUV:
+        strides[1] = strides[2] = chroma;
+        break;
+    case FORMAT_YUVA:
+        strides[1] = strides[2] = strides[3] = luma;
+        break;
+    default:
+        break;
+    }
+}
+
 } // namespace
 
 QVImageMemory::QVImageMemory(QVImageMemory&& o) noexcept
@@ -120,21 +142,8 @@ bool QVImageMemory::alloc(int h, const int* strides, QVEnumFormats f)
 bool QVImageMemory::alloc(int w, int h, int stride, QVEnumFormats f)
 {
     const int s = std::abs(stride);
-    int strides[cMaxPlanes] = {s, 0, 0, 0};
-    switch (f) {
-    case FORMAT_NV12:
-        strides[1] = s;
-        break;
-    case FORMAT_YV12:
-    case FORMAT_IYUV:
-        strides[1] = strides[2] = w / 2;
-        break;
-    case FORMAT_YUVA:
-        strides[1] = strides[2] = strides[3] = s;
-        break;
-    default:
-        break;
-    }
+    int strides[cMaxPlanes];
+    planeStrides(f, s, w / 2, strides);
     return alloc(h, strides, f);
 }
 
@@ -144,21 +153,8 @@ bool QVImageMemory::attach(unsigned char* p, int w, int h, int stride, QVEnumFor
         dealloc();
         return false;
     }
-    int strides[cMaxPlanes] = {stride, 0, 0, 0};
-    switch (f) {
-    case FORMAT_NV12:
-        strides[1] = stride;
-        break;
-    case FORMAT_YV12:
-    case FORMAT_IYUV:
-        strides[1] = strides[2] = stride / 2;
-        break;
-    case FORMAT_YUVA:
-        strides[1] = strides[2] = strides[3] = stride;
-        break;
-    default:
-        break;
-    }
+    int strides[cMaxPlanes];
+    planeStrides(f, stride, stride / 2, strides);
     unsigned char* planes[cMaxPlanes] = {};
     size_t offset = 0;
     for (int i = 0; i < planeCount(f); ++i) {

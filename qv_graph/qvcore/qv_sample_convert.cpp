@@ -19,6 +19,24 @@ QVSampleConversion sampleConversion(uint16_t fromBits, uint16_t toBits)
     return QVSampleConversion::Unsupported;
 }
 
+QVSampleConversion anySampleConversion(uint16_t fromBits, uint16_t toBits)
+{
+    const QVSampleConversion c = sampleConversion(fromBits, toBits);
+    if (c != QVSampleConversion::Unsupported)
+        return c;
+    if (fromBits == 8 && toBits == 16)
+        return QVSampleConversion::From8To16;
+    if (fromBits == 8 && toBits == 24)
+        return QVSampleConversion::From8To24;
+    if (fromBits == 8 && toBits == 32)
+        return QVSampleConversion::From8To32;
+    if (fromBits == 24 && toBits == 16)
+        return QVSampleConversion::From24To16;
+    if (fromBits == 24 && toBits == 32)
+        return QVSampleConversion::From24To32;
+    return QVSampleConversion::Unsupported;
+}
+
 namespace {
 
 // Per-sample byte moves: the samples are little-endian, so widening puts zero
@@ -56,6 +74,21 @@ void convertSamples(QVSampleConversion conversion, const uint8_t* src, size_t sr
         break;
     case QVSampleConversion::From16To32:
         moveSamples<2, 4, 0>(src, srcBlockAlign, dst, dstBlockAlign, frames, channels);
+        break;
+    case QVSampleConversion::From8To16:
+        moveSamples<1, 2, 0>(src, srcBlockAlign, dst, dstBlockAlign, frames, channels);
+        break;
+    case QVSampleConversion::From8To24:
+        moveSamples<1, 3, 0>(src, srcBlockAlign, dst, dstBlockAlign, frames, channels);
+        break;
+    case QVSampleConversion::From8To32:
+        moveSamples<1, 4, 0>(src, srcBlockAlign, dst, dstBlockAlign, frames, channels);
+        break;
+    case QVSampleConversion::From24To16:
+        moveSamples<3, 2, 1>(src, srcBlockAlign, dst, dstBlockAlign, frames, channels);
+        break;
+    case QVSampleConversion::From24To32:
+        moveSamples<3, 4, 0>(src, srcBlockAlign, dst, dstBlockAlign, frames, channels);
         break;
     case QVSampleConversion::Copy: {
         const size_t bytes = srcBlockAlign < dstBlockAlign ? srcBlockAlign : dstBlockAlign;

@@ -1,5 +1,7 @@
 #include "qv_sound_fifo.h"
 
+#include "qv_sample_convert.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -67,9 +69,9 @@ bool QVSoundFifo::put(const uint8_t* data, size_t n)
 bool QVSoundFifo::put(int64_t pos, const QVSound& s)
 {
     const QVSoundFormat& f = s.format();
-    if (f.m_frequency != m_format.m_frequency || f.m_channel != m_format.m_channel)
+    if (f.m_frequency != m_format.m_frequency)
         return false;
-    if (f.m_bit_per_sample == m_format.m_bit_per_sample)
+    if (f.m_channel == m_format.m_channel && f.m_bit_per_sample == m_format.m_bit_per_sample)
         return put(pos, s.data(), s.size());
     return _convert(pos, s);
 }
@@ -81,19 +83,40 @@ bool QVSoundFifo::put(const QVSound& s)
 
 bool QVSoundFifo::_convert(int64_t pos, const QVSound& s)
 {
-    const size_t srcAlign = s.format().m_block_align;
-    if (srcAlign == 0 || s.data() == nullptr)
+    const QVSoundFormat& sf = s.format();
+    const size_t srcAlign = sf.m_block_align;
+    const size_t srcBytes = sf.m_bit_per_sample / 8u;
+    const size_t dstBytes = m_format.m_bit_per_sample / 8u;
+    const size_t dstAlign = m_format.m_block_align;
+    if (srcAlign == 0 || s.data() == nullptr || sf.m_channel == 0 || srcBytes * sf.m_channel > srcAlign ||
+        dstBytes * m_format.m_channel > dstAlign)
         return false;
-    const size_t n = s.size() / srcAlign * m_format.m_block_align;
+    const size_t frames = s.size() / srcAlign;
+    const size_t n = frames * dstAlign;
     if (n == 0)
         return false;
     unsigned char* p = m_memory.lock(n);
     if (p == nullptr)
         return false;
-    QVSound view;
-    if (!view.init(p, n, m_format))
-        return false;
-    view.copyFrom(s);
+    std::memset(p, 0, n);
+    const QVSampleConversion conversion = anySampleConversion(sf.m_bit_per_sample, m_format.m_bit_per_sample);
+    if (conversion != QVSampleConversion::Unsupported) {
+        // Channel by channel: a mono line feeds both sides of the pair; a
+        // channel the input lacks stays silent, surplus input channels are left out.
+        for (unsigned c = 0; c < m_format.m_channel; ++c) {
+            const unsigned from = c < sf.m_channel ? c : (sf.m_channel == 1 ? 0u : sf.m_channel);
+            if (from == sf.m_channel)
+                continue;
+            const uint8_t* src = s.data() + from * srcBytes;
+            uint8_t* dst = p + c * dstBytes;
+            if (conversion == QVSampleConversion::Copy) {
+                for (size_t k = 0; k < frames; ++k)
+                    std::memcpy(dst + k * dstAlign, src + k * srcAlign, dstBytes);
+            } else {
+                convertSamples(conversion, src, srcAlign, dst, dstAlign, frames, 1);
+            }
+        }
+    }
     return _mark_ready_data(pos, p, n);
 }
 

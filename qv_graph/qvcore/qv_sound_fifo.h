@@ -83,6 +83,8 @@ public:
 
     bool put(int64_t pos, const uint8_t* data, size_t n);
     bool put(const uint8_t* data, size_t n);
+    // A sound in another depth or channel count is converted on the way in
+    // (8 to 32 bits; mono fills both channels); only the rate must match.
     bool put(int64_t pos, const QVSound& s);
     bool put(const QVSound& s);
 

@@ -138,42 +138,43 @@ void pack_nv_row(const uint8_t* y, const uint8_t* uv, uint8_t* d, int w, bool bS
     }
 }
 
-// YUY2 (Y0 U Y1 V): swap the bytes of every 16-bit pair.
-void pack_yuy2_row(const uint8_t* s, uint8_t* d, int w, bool bStream)
-{
-    (void)bStream;
-    const int n = 2 * w;
-    int i = 0;
+// Packed 4:2:2 in another byte order: each 4-byte group is reordered into
+// U Y0 V Y1, d[k] = s[order[k]]. SSE2 has no byte shuffle, so its variant
+// does the same with shifts inside 16- or 32-bit lanes.
+struct yuy2_order { // Y0 U Y1 V: swap the bytes of every pair
+    static constexpr uint8_t order[4] = {1, 0, 3, 2};
 #if defined(QV_X86)
-    for (; i + 16 <= n; i += 16) {
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
-        store16(d + i, _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8)), bStream);
-    }
+    static __m128i sse2(__m128i v) { return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8)); }
 #endif
-    for (; i + 1 < n; i += 2) {
-        d[i] = s[i + 1];
-        d[i + 1] = s[i];
+};
+
+struct yvyu_order { // Y0 V Y1 U: rotate every group left by one byte
+    static constexpr uint8_t order[4] = {3, 0, 1, 2};
+#if defined(QV_X86)
+    static __m128i sse2(__m128i v) { return _mm_or_si128(_mm_slli_epi32(v, 8), _mm_srli_epi32(v, 24)); }
+#endif
+};
+
+void reorder_groups(const uint8_t* s, uint8_t* d, int n, const uint8_t (&order)[4])
+{
+    for (int i = 0; i + 3 < n; i += 4) {
+        const uint8_t g[4] = {s[i], s[i + 1], s[i + 2], s[i + 3]};
+        for (int k = 0; k < 4; ++k)
+            d[i + k] = g[order[k]];
     }
 }
 
-// YVYU (Y0 V Y1 U): rotate every 32-bit group left by one byte.
-void pack_yvyu_row(const uint8_t* s, uint8_t* d, int w, bool bStream)
+template <typename Order>
+void reorder_row(const uint8_t* s, uint8_t* d, int w, bool bStream)
 {
     (void)bStream;
     const int n = 2 * w;
     int i = 0;
 #if defined(QV_X86)
-    for (; i + 16 <= n; i += 16) {
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
-        store16(d + i, _mm_or_si128(_mm_slli_epi32(v, 8), _mm_srli_epi32(v, 24)), bStream);
-    }
+    for (; i + 16 <= n; i += 16)
+        store16(d + i, Order::sse2(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i))), bStream);
 #endif
-    for (; i + 3 < n; i += 4) {
-        d[i + 0] = s[i + 3];
-        d[i + 1] = s[i + 0];
-        d[i + 2] = s[i + 1];
-        d[i + 3] = s[i + 2];
-    }
+    reorder_groups(s + i, d + i, n - i, Order::order);
 }
 
 // ---- Packed RGB into UYVY, studio range. ----
@@ -312,35 +313,22 @@ __attribute__((target("avx2"))) void pack_nv_row_avx2(const uint8_t* y, const ui
         pack_nv_row(y + i, uv + i, d + 2 * i, w - i, false);
 }
 
-__attribute__((target("avx2"))) void shuffle_row_avx2(const uint8_t* s, uint8_t* d, int n, __m256i mask, bool bStream)
+// The same group reordering with one byte shuffle per 32 bytes; the shuffle
+// works inside each 16-byte lane, hence the lane-relative indices.
+template <typename Order>
+__attribute__((target("avx2"))) void reorder_row_avx2(const uint8_t* s, uint8_t* d, int w, bool bStream)
 {
+    alignas(32) int8_t m[32];
+    for (int k = 0; k < 32; ++k)
+        m[k] = static_cast<int8_t>((k & 12) + Order::order[k & 3]);
+    const __m256i mask = _mm256_load_si256(reinterpret_cast<const __m256i*>(m));
+    const int n = 2 * w;
     int i = 0;
     if (bStream && reinterpret_cast<uintptr_t>(d) % 32 != 0)
         bStream = false;
     for (; i + 32 <= n; i += 32)
         store32(d + i, _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i)), mask), bStream);
-    // Only whole 4-byte groups remain; both shuffles stay within them.
-    for (; i + 3 < n; i += 4) {
-        alignas(32) uint8_t m[32];
-        _mm256_store_si256(reinterpret_cast<__m256i*>(m), mask);
-        const uint8_t g[4] = {s[i], s[i + 1], s[i + 2], s[i + 3]};
-        for (int k = 0; k < 4; ++k)
-            d[i + k] = g[m[k]];
-    }
-}
-
-__attribute__((target("avx2"))) void pack_yuy2_row_avx2(const uint8_t* s, uint8_t* d, int w, bool bStream)
-{
-    const __m256i mask = _mm256_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14, 1, 0, 3, 2, 5, 4, 7, 6, 9,
-                                          8, 11, 10, 13, 12, 15, 14);
-    shuffle_row_avx2(s, d, 2 * w, mask, bStream);
-}
-
-__attribute__((target("avx2"))) void pack_yvyu_row_avx2(const uint8_t* s, uint8_t* d, int w, bool bStream)
-{
-    const __m256i mask = _mm256_setr_epi8(3, 0, 1, 2, 7, 4, 5, 6, 11, 8, 9, 10, 15, 12, 13, 14, 3, 0, 1, 2, 7, 4, 5, 6,
-                                          11, 8, 9, 10, 15, 12, 13, 14);
-    shuffle_row_avx2(s, d, 2 * w, mask, bStream);
+    reorder_groups(s + i, d + i, n - i, Order::order);
 }
 #endif
 
@@ -348,8 +336,8 @@ __attribute__((target("avx2"))) void pack_yvyu_row_avx2(const uint8_t* s, uint8_
 struct packers {
     void (*planar)(const uint8_t*, const uint8_t*, const uint8_t*, uint8_t*, int, bool) = pack_planar_row;
     void (*nv)(const uint8_t*, const uint8_t*, uint8_t*, int, bool) = pack_nv_row;
-    void (*yuy2)(const uint8_t*, uint8_t*, int, bool) = pack_yuy2_row;
-    void (*yvyu)(const uint8_t*, uint8_t*, int, bool) = pack_yvyu_row;
+    void (*yuy2)(const uint8_t*, uint8_t*, int, bool) = reorder_row<yuy2_order>;
+    void (*yvyu)(const uint8_t*, uint8_t*, int, bool) = reorder_row<yvyu_order>;
     void (*bgra)(const uint8_t*, uint8_t*, int, const rgb_matrix&) = rgb_row_to_uyvy<4>;
     void (*bgr)(const uint8_t*, uint8_t*, int, const rgb_matrix&) = rgb_row_to_uyvy<3>;
 
@@ -359,8 +347,8 @@ struct packers {
         if (__builtin_cpu_supports("avx2")) {
             planar = pack_planar_row_avx2;
             nv = pack_nv_row_avx2;
-            yuy2 = pack_yuy2_row_avx2;
-            yvyu = pack_yvyu_row_avx2;
+            yuy2 = reorder_row_avx2<yuy2_order>;
+            yvyu = reorder_row_avx2<yvyu_order>;
             bgra = rgb_row_to_uyvy_avx2<4>;
             bgr = rgb_row_to_uyvy_avx2<3>;
         }

@@ -62,21 +62,6 @@ TEST_F(Interpose, RealFilesPassThrough)
     EXPECT_EQ(std::fclose(f), 0);
 }
 
-TEST_F(Interpose, PipesPollAndIoctlPassThrough)
-{
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    ASSERT_EQ(write(p[1], "abc", 3), 3);
-    int avail = 0;
-    EXPECT_EQ(ioctl(p[0], FIONREAD, &avail), 0);
-    EXPECT_EQ(avail, 3);
-    pollfd pf{p[0], POLLIN, 0};
-    EXPECT_EQ(poll(&pf, 1, 0), 1);
-    EXPECT_TRUE(pf.revents & POLLIN);
-    close(p[0]);
-    close(p[1]);
-}
-
 TEST_F(Interpose, SimulatedDescriptorsAreRealDescriptors)
 {
     int fd = open(cfg.video_path.c_str(), O_RDWR);
@@ -104,28 +89,6 @@ TEST_F(Interpose, SimulatedDescriptorsAreRealDescriptors)
     int avail = 0;
     EXPECT_EQ(ioctl(again, FIONREAD, &avail) == 0 || errno == EINVAL || errno == ENOTTY, true);
     close(again);
-}
-
-TEST_F(Interpose, QuerycapTellsNodeKinds)
-{
-    struct Case {
-        std::string path;
-        uint32_t caps;
-    };
-    std::string vbi = cfg.video_path;
-    vbi.replace(vbi.find("video"), 5, "vbi");
-    BoardConfig mp = board(NodeKind::multi_plane, 4, Pacing::stepped, "ipmp");
-    Simulator::instance().configure({cfg, mp});
-    for (const Case& c : {Case{cfg.video_path, V4L2_CAP_VIDEO_OUTPUT}, Case{vbi, V4L2_CAP_VBI_OUTPUT},
-                          Case{mp.video_path, V4L2_CAP_VIDEO_OUTPUT_MPLANE}}) {
-        int fd = open(c.path.c_str(), O_RDWR);
-        ASSERT_GE(fd, 0) << c.path;
-        v4l2_capability cap{};
-        ASSERT_EQ(ioctl(fd, VIDIOC_QUERYCAP, &cap), 0);
-        EXPECT_EQ(cap.device_caps & ~V4L2_CAP_EXT_PIX_FORMAT, c.caps | V4L2_CAP_STREAMING) << c.path;
-        EXPECT_TRUE(cap.capabilities & V4L2_CAP_DEVICE_CAPS);
-        close(fd);
-    }
 }
 
 TEST_F(Interpose, ConfigurationTextParses)

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "capture_format.h"
+#include "gst_test_env.h"
 
 using namespace qvboardsim;
 
@@ -33,6 +34,7 @@ TEST(V4l2SinkEndToEnd, CaptureHoldsTheFramesTheSinkSent)
 {
     if (kSanitized)
         GTEST_SKIP() << "preloading needs an uninstrumented libqvboardsim.so";
+    qv_test_gst_environment(); // gst-inspect and gst-launch inherit the private plug-in path
     if (!have("gst-launch-1.0") || std::system("gst-inspect-1.0 v4l2sink >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "gst-launch-1.0 or v4l2sink not installed";
     char dir[] = "/tmp/qvbs-e2e-XXXXXX";

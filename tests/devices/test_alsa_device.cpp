@@ -137,18 +137,6 @@ TEST(AlsaDevice, DeviceTimeCountsBytesHandedOver)
     EXPECT_EQ(dev.get_device_time(), 0u);
 }
 
-TEST(AlsaDevice, ClosedDeviceRefusesEverything)
-{
-    qv_alsa_output_device dev;
-    const uint8_t bytes[16] = {};
-    EXPECT_FALSE(dev.is_open());
-    EXPECT_FALSE(dev.start_device());
-    EXPECT_FALSE(dev.write(bytes, sizeof(bytes)));
-    EXPECT_EQ(dev.get_device_time(), 0u);
-    dev.stop_device();
-    dev.close_device();
-}
-
 TEST(AlsaDevice, UnknownDeviceReportsTheAlsaError)
 {
     print_capture out;

@@ -123,9 +123,9 @@ INSTANTIATE_TEST_SUITE_P(Table, MplnRing,
                          ::testing::Values(ring_case{qv_1280x720_50p, 1, 3}, ring_case{qv_1920x1080_25i, 1, 6},
                                            ring_case{qv_1920x1080_50p, 5, 5}, ring_case{qv_720x576_25i, 4, 8}));
 
-// A buffer the board flags as failed is skipped and counted; the status record
-// of the next one is read.
-TEST(MplnDevice, SkipsErroredBuffersAndReadsTheStatusRecord)
+// A buffer the board flags as failed costs its slot on air (counted) but is
+// filled again at once; the status record of the next good one is read.
+TEST(MplnDevice, RefillsErroredBuffersAndReadsTheStatusRecord)
 {
     sim_board board(NodeKind::multi_plane, qv_1280x720_50p);
     qv_renderer_statistics stats;
@@ -138,8 +138,12 @@ TEST(MplnDevice, SkipsErroredBuffersAndReadsTheStatusRecord)
     uint32_t seq = 0;
     ASSERT_TRUE(dev.acquire(seq));
     EXPECT_TRUE(out.contains("qv_jt_renderer: video device[" + board.path + "] skip frame buffer[0], frame=3"));
-    EXPECT_EQ(out.count_prefix("qv_jt_renderer: video device[" + board.path + "] drop"), 0u);
+    EXPECT_EQ(seq, 3u) << "the errored buffer carries the next frame";
+    dev.fill(3, false);
+    ASSERT_TRUE(dev.release());
+    ASSERT_TRUE(dev.acquire(seq));
     EXPECT_EQ(seq, 4u);
+    EXPECT_EQ(out.count_prefix("qv_jt_renderer: video device[" + board.path + "] drop"), 0u);
     const auto sent = board.captured();
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(dev.dev.get_last_frame_number(), sent[1].sequence);

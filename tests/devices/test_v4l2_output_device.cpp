@@ -50,18 +50,6 @@ TEST(SinglePlaneDevice, DerivesTheVbiNodeFromTheVideoPath)
     EXPECT_TRUE(dev.release());
 }
 
-TEST(SinglePlaneDevice, ClosedDeviceLendsNothing)
-{
-    print_capture out;
-    qv_renderer_statistics stats;
-    qv_v4l2_output_device dev(stats);
-    QVSDK::QVImage image;
-    uint32_t seq = 0;
-    EXPECT_FALSE(dev.map_image(seq, image));
-    EXPECT_FALSE(dev.is_open());
-    EXPECT_TRUE(out.contains("qv_jt_renderer: video device has not been opened\n"));
-}
-
 TEST(SinglePlaneDevice, ReportsQueueAndStreamFaults)
 {
     sim_board board(NodeKind::single_plane, qv_1920x1080_25p);

@@ -5,21 +5,6 @@
 #include <chrono>
 #include <thread>
 
-namespace {
-
-class GstEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        gst_init(nullptr, nullptr);
-        gst_plugin_qvjtrenderer_register();
-    }
-};
-
-const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
-
-} // namespace
-
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration)
 {
     const gsize size = static_cast<gsize>(width) * height * 2;

@@ -6,17 +6,6 @@ std::vector<std::string> ElementTest::s_printed;
 
 namespace {
 
-class GstEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        gst_init(nullptr, nullptr);
-        gst_plugin_qvjtrenderer_register();
-    }
-};
-
-const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
-
 void capture_print(const gchar* text)
 {
     ElementTest::s_printed.emplace_back(text);

@@ -63,20 +63,6 @@ TEST_F(Chains, VideoCapsWithoutAnItemFailEveryBufferWithItsMessage)
     }
 }
 
-TEST_F(Chains, VideoCapsCheckNeedsFormatAspectRateAndInterlace)
-{
-    auto check = [this](const char* s) {
-        GstCaps* c = gst_caps_from_string(s);
-        const bool ok = renderer().set_video_cap(c);
-        gst_caps_unref(c);
-        return ok;
-    };
-    EXPECT_TRUE(check(k_video_caps));
-    EXPECT_TRUE(check("video/x-raw,format=UYVY,framerate=25/1,pixel-aspect-ratio=1/1,interlace-mode=mixed"));
-    EXPECT_FALSE(check("video/x-raw,format=UYVY,width=16,height=8,framerate=25/1,interlace-mode=progressive"));
-    EXPECT_FALSE(renderer().set_video_cap(nullptr));
-}
-
 TEST_F(Chains, AudioPadRemovedWhileStreamingDropsItsBuffers)
 {
     GstPad* pad = gst_element_get_static_pad(m_pElement, "src_audio0");

@@ -1,51 +1,8 @@
 #include "element_fixture.h"
 
-#include <gst/check/gstharness.h>
-
 namespace {
 
 using Lifecycle = ElementTest;
-
-GstStateChangeReturn set_and_wait(GstElement* e, GstState s)
-{
-    gst_element_set_state(e, s);
-    return gst_element_get_state(e, nullptr, nullptr, 5 * GST_SECOND);
-}
-
-TEST_F(Lifecycle, FullStateCycleWithoutDeviceOpensNothing)
-{
-    for (int round = 0; round < 2; ++round) {
-        for (GstState s : {GST_STATE_READY, GST_STATE_PAUSED, GST_STATE_PLAYING, GST_STATE_PAUSED, GST_STATE_READY,
-                           GST_STATE_NULL})
-            EXPECT_NE(set_and_wait(m_pElement, s), GST_STATE_CHANGE_FAILURE) << gst_element_state_get_name(s);
-        EXPECT_EQ(renderer().hw_frame_step(), 5940000);
-        EXPECT_EQ(renderer().state(), qv_stop_state);
-    }
-    EXPECT_TRUE(printed("qv_jt_renderer: stop renderer thread\n")) << "the render thread ran and ended";
-}
-
-TEST_F(Lifecycle, OpenOfAMissingDeviceStillReachesReady)
-{
-    g_object_set(m_pElement, "v4l2", "/nonexistent/video9", "alsa", "", nullptr);
-    EXPECT_EQ(set_and_wait(m_pElement, GST_STATE_READY), GST_STATE_CHANGE_SUCCESS);
-    EXPECT_EQ(renderer().hw_frame_step(), 5940000);
-}
-
-TEST_F(Lifecycle, VbiLineTableAccumulatesScte104LinesAndFoldsTeletext)
-{
-    guint8 lines[64] = {};
-    lines[9] = 2;  // SCTE-104 on line 10
-    lines[33] = 1; // teletext entry 33 folds onto mask bit 1
-    lines[6] = 1;
-    lines[12] = 7; // any other value marks nothing
-    g_object_set(m_pElement, "vbi_lines", lines, nullptr);
-    for (int i = 0; i < 2; ++i) {
-        set_and_wait(m_pElement, GST_STATE_READY);
-        set_and_wait(m_pElement, GST_STATE_NULL);
-    }
-    EXPECT_EQ(renderer().scte104_lines(), (std::vector<uint32_t>{10, 10}));
-    EXPECT_EQ(renderer().teletext_line_mask(), (1u << 1) | (1u << 6));
-}
 
 TEST(LifecycleFinalize, ElementNeverSetToReadyFinalizesCleanly)
 {
@@ -53,17 +10,6 @@ TEST(LifecycleFinalize, ElementNeverSetToReadyFinalizesCleanly)
     ASSERT_NE(e, nullptr);
     g_object_set(e, "number_of_audio_lines", gulong(4), "use_vbi", TRUE, nullptr);
     gst_object_unref(gst_object_ref_sink(e));
-}
-
-TEST_F(Lifecycle, PlayingToPausedWithoutThreadOnlyResetsTimeAndAlarms)
-{
-    std::vector<qv_alarm_event> seen;
-    renderer().alarms().set_fallback_sink([&](const qv_alarm_event& ev) { seen.push_back(ev); });
-    renderer().alarms().restart_event();
-    ASSERT_EQ(seen.size(), 1u);
-    renderer().stop();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_FALSE(seen[1].bRaise);
 }
 
 TEST_F(Lifecycle, AlarmsReachTheBusWhenNoManagerIsSet)

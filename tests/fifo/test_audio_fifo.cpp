@@ -55,19 +55,6 @@ TEST(AudioFifo, SizesRingAndToleranceFromTheFrameRate)
     EXPECT_FALSE(bad.alloc(10));
 }
 
-TEST(AudioFifo, PositionsAtThirtyFramesPerSecondDrop)
-{
-    qv_audio_fifo a;
-    a.init(29.97f, kStereo16);
-    EXPECT_EQ(a.frame_to_pos(0), 0u);
-    EXPECT_EQ(a.frame_to_pos(1), 6404u);
-    EXPECT_EQ(a.frame_to_pos(2), 12812u);
-    EXPECT_EQ(a.pts_to_pos(40000000), 7680u);
-    EXPECT_EQ(a.pts_to_pos(10416), 0u); // 1.99 bytes, truncated to 1: nearest block is 0
-    EXPECT_EQ(a.pts_to_pos(10417), 4u); // 2.00 bytes: half a block rounds up
-    EXPECT_EQ(a.pos_to_pts(192000), 1000000000u);
-}
-
 TEST_P(AudioFifoRates, ContinuousFeedPlaysEverySampleOnceInOrder)
 {
     const rate_case rc = GetParam();
@@ -147,38 +134,6 @@ TEST(AudioFifo, ReaderBehindTheGridSkipsAheadWithAMessage)
     EXPECT_EQ(console.lines()[0],
               "qvjtrenderer: map_sound_frame() - skip 38400 bytes : 0 -> 38400, frame=5, fifo_pos=0\n");
     EXPECT_EQ(reinterpret_cast<const uint16_t*>(out.data())[0], static_cast<uint16_t>(5 * 1920));
-}
-
-TEST(AudioFifo, ReaderAheadOfTheGridPlaysSilenceUntilCaughtUp)
-{
-    qv_audio_fifo a;
-    a.init(25.0f, kStereo16);
-    ASSERT_TRUE(a.alloc(16));
-    for (uint64_t f = 0; f < 8; ++f)
-        ASSERT_TRUE(a.add_audio_frame(pts_of_sample(f * 1920), 0, numbered(f * 1920 + 1, 1920)));
-    QVSound out;
-    ASSERT_TRUE(a.map_sound_frame(3, out));
-    print_capture console;
-    ASSERT_TRUE(a.map_sound_frame(1, out)); // the output index jumped back
-    EXPECT_EQ(console.count_containing("fill silent because of position jump back"), 1u);
-    EXPECT_EQ(out.size(), 7680u);
-    EXPECT_TRUE(std::all_of(out.data(), out.data() + out.size(), [](uint8_t v) { return v == 0; }));
-    EXPECT_EQ(a.m_render_pos, 4u * 7680u);
-}
-
-TEST(AudioFifo, BackwardStampIsReportedAndStillQueued)
-{
-    qv_audio_fifo a;
-    a.init(25.0f, kStereo16);
-    ASSERT_TRUE(a.alloc(8));
-    ASSERT_TRUE(a.add_audio_frame(80000000, 0, numbered(0, 1920)));
-    print_capture console;
-    ASSERT_TRUE(a.add_audio_frame(40000000, 0, numbered(0, 1920)));
-    ASSERT_EQ(console.lines().size(), 1u);
-    EXPECT_EQ(console.lines()[0],
-              "qvjtrenderer: audio: pos = 7680, m_arrival_pos = 15360, ptsStart = 00:00:00.040, ptsOldStart = "
-              "00:00:00.080\n");
-    EXPECT_EQ(a.m_sound_fifo.chunks(), 2u);
 }
 
 TEST(AudioFifo, PrerollKeepsAboutTheLatencyQueued)

@@ -8,16 +8,6 @@
 #include <cmath>
 #include <vector>
 
-TEST(Butterworth, ResetSettlesOnItsInput)
-{
-    for (long double k : {0.0L, 1.0L, -0.25L, 3.5e-3L}) {
-        CButterworth f(0.0L);
-        f.Reset(k);
-        EXPECT_NEAR(static_cast<double>(f.DigFil(k)), static_cast<double>(k), 1e-12) << static_cast<double>(k);
-        EXPECT_NEAR(static_cast<double>(f.DigFil(k)), static_cast<double>(k), 1e-12);
-    }
-}
-
 TEST(Butterworth, StepResponseRisesMonotonicallyTowardsTheStep)
 {
     // Independent check of the coefficients: a first-order low-pass with
@@ -69,31 +59,4 @@ TEST(QVPLL, FollowsAHardwareClockThatRunsFast)
     }
     EXPECT_EQ(pll.m_ulCounter, 3000u);
     EXPECT_EQ(pll.m_listIRegulator.size(), CQVPLL::kHistory);
-}
-
-TEST(QvTimeStarter, StampsRelativeToTheFirst)
-{
-    struct step {
-        long start, stop;
-        long relStop, relStart;
-        bool accepted;
-    };
-    const std::vector<step> steps = {
-        {100, 140, 40, 0, true},
-        {140, 180, 80, 40, true},
-        {90, 130, 30, -10, false},
-    };
-    qv_time_starter ts;
-    ts.reset();
-    for (const step& s : steps) {
-        const auto [relStop, relStart, ok] = ts.set_time_stamp(s.start, s.stop);
-        EXPECT_EQ(relStop, s.relStop);
-        EXPECT_EQ(relStart, s.relStart);
-        EXPECT_EQ(ok, s.accepted);
-    }
-    ts.reset();
-    const auto [relStop, relStart, ok] = ts.set_time_stamp(500, 520);
-    EXPECT_EQ(relStart, 0);
-    EXPECT_EQ(relStop, 20);
-    EXPECT_TRUE(ok);
 }

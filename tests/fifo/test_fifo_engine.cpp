@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
+#include <utility>
 #include <vector>
 
 using fifo_test::number_of;
@@ -138,17 +140,6 @@ TEST_F(FifoEngine, OverflowLatchesUntilReset)
     EXPECT_EQ(map(0), fifo_ok);
 }
 
-TEST_F(FifoEngine, AudioRingFullIsAnOverflow)
-{
-    set_up(1);
-    print_capture console;
-    for (uint64_t n = 0; n < kDepth; ++n)
-        ASSERT_TRUE(engine.add_audio_frame(0, n * kFrame, (n + 1) * kFrame, 0, line_sound(2, 1)));
-    EXPECT_FALSE(engine.add_audio_frame(0, kDepth * kFrame, (kDepth + 1) * kFrame, 0, line_sound(2, 1)));
-    EXPECT_EQ(engine.m_state, fifo_overflow);
-    EXPECT_EQ(console.count_containing("qv_jt_renderer: fifo overflow, audio fifo overflow"), 1u);
-}
-
 TEST_F(FifoEngine, UnderflowWhenTheFeedStops)
 {
     set_up(0);
@@ -183,33 +174,6 @@ TEST_F(FifoEngine, AudioWithoutInputOrAheadOfVideoIsSilenceNotAFailure)
     EXPECT_TRUE(std::all_of(s, s + sound.size() / 2, [](int16_t v) { return v == 0; }));
 }
 
-TEST_F(FifoEngine, UnstampedInputIsDroppedAsSuccess)
-{
-    set_up(2);
-    print_capture console;
-    EXPECT_EQ(engine.add_video_frame(QV_TIME_NONE, QV_TIME_NONE, 0, 0, numbered_uyvy(1), 0), 1);
-    EXPECT_TRUE(engine.add_audio_frame(1, QV_TIME_NONE, 0, 0, line_sound(2, 1)));
-    EXPECT_TRUE(engine.add_audio_frame(7, 0, kFrame, 0, line_sound(2, 1))); // no such line
-    EXPECT_EQ(engine.m_video_fifo.queued(), 0u);
-    EXPECT_EQ(engine.m_audio_fifo[1].m_sound_fifo.chunks(), 0u);
-    EXPECT_EQ(console.lines(), (std::vector<std::string>{
-                                   "qvjtrenderer: add_video_frame GST_CLOCK_TIME_NONE == ptsStart!\n",
-                                   "qvjtrenderer: add_audio_frame[1] GST_CLOCK_TIME_NONE == ptsStart!\n"}));
-    EXPECT_EQ(engine.add_vbi_frame(kFrame, 2 * kFrame, nullptr, 4, nullptr), 0);
-    EXPECT_EQ(engine.m_state, fifo_ok);
-}
-
-TEST_F(FifoEngine, StartIsTheFirstQueuedFrameOrMinusOne)
-{
-    set_up(0);
-    EXPECT_EQ(engine.start(), -1);
-    engine.reset();
-    ASSERT_EQ(engine.add_video_frame(12 * kFrame, 13 * kFrame, 0, 0, numbered_uyvy(12), 0), 1);
-    ASSERT_EQ(add_video(13), 1);
-    EXPECT_EQ(engine.start(), 12);
-    EXPECT_TRUE(engine.m_was_start);
-}
-
 TEST_F(FifoEngine, HardwareClockOneThousandPpmFastPullsStampsAhead)
 {
     set_up(0);
@@ -234,25 +198,10 @@ TEST_F(FifoEngine, HardwareClockOneThousandPpmFastPullsStampsAhead)
 
     // Data streams move by the same regulator.
     const auto d = static_cast<uint64_t>(static_cast<int64_t>(engine.m_pll.m_dRegulator * 1e9L));
+    engine.m_out_frame_index = 3000; // play-out has come this far
     uint8_t ttx = 1;
     ASSERT_EQ(engine.add_teletext_frame(3000 * kFrame, 3001 * kFrame, &ttx, 1), 1);
     EXPECT_EQ(engine.m_teletext_fifo.m_nStart, 3000 * kFrame + d);
-}
-
-TEST_F(FifoEngine, NothingIsShiftedBeforeStartOrWithoutTheLoop)
-{
-    set_up(1);
-    ASSERT_EQ(add_video(0, 1000), 1);
-    ASSERT_EQ(add_video(1, 500000), 1);
-    EXPECT_EQ(engine.m_video_fifo.m_nStartTime, kFrame);
-    EXPECT_TRUE(engine.m_bFirstCall);
-
-    engine.reset();
-    engine.m_bUsePLL = false;
-    engine.start();
-    ASSERT_EQ(engine.add_video_frame(kFrame, 2 * kFrame, 0, 123456, numbered_uyvy(1), 0), 1);
-    EXPECT_EQ(engine.m_video_fifo.m_nStartTime, kFrame);
-    EXPECT_TRUE(engine.m_bFirstCall);
 }
 
 TEST_F(FifoEngine, AudioDrivenLoopShiftsOnlyLineZero)
@@ -329,20 +278,115 @@ TEST_F(FifoEngine, Scte35SpliceInsertIsQueuedAsScte104)
     EXPECT_EQ(item.index, 1);
 }
 
-TEST(PrintAudioInfo, ReportsSilentEdgesOnly)
+// A stamp an hour off is dropped with one message per stream; the streams
+// carry on around it instead of waiting an hour behind it.
+TEST_F(FifoEngine, FarStampsAreDroppedAndLaterInputStillFlows)
 {
-    print_capture console;
-    QVSound s;
-    s.init(400, QVSoundFormat(0, 48000, 16, 2)); // 200 samples, H = 100
-    std::memset(s.data(), 0, 400);
-    auto* p = reinterpret_cast<int16_t*>(s.data());
-    for (int i = 30; i < 180; ++i)
-        p[i] = 1;
-    PrintAudioInfo("line0", s);
-    ASSERT_EQ(console.lines().size(), 1u);
-    EXPECT_EQ(console.lines()[0], "line0 frame[16] empty edges 30/100/20 good=150\n");
-    console.clear();
-    std::memset(s.data(), 0, 400);
-    PrintAudioInfo("line0", s); // all silent: nothing good to report
-    EXPECT_TRUE(console.lines().empty());
+    set_up(1);
+    constexpr uint64_t kHour = 3600ull * 1000000000ull;
+    auto feed = [&](uint64_t n) {
+        ASSERT_EQ(add_video(n), 1);
+        ASSERT_TRUE(engine.add_audio_frame(0, n * kFrame, (n + 1) * kFrame, 0, line_sound(2, int16_t(100 + n))));
+        uint8_t ttx[1] = {uint8_t(n)};
+        ASSERT_EQ(engine.add_teletext_frame(n * kFrame, (n + 1) * kFrame, ttx, 1), 1);
+        uint8_t vbi[1] = {uint8_t(0x80 | n)};
+        ASSERT_EQ(engine.add_vbi_frame(n * kFrame, (n + 1) * kFrame, vbi, 1, nullptr), 1);
+    };
+    print_capture out;
+    for (uint64_t n = 0; n < 3; ++n)
+        feed(n);
+    for (int twice = 0; twice < 2; ++twice) {
+        const uint64_t far = 3 * kFrame + kHour;
+        uint8_t bad[1] = {0xEE};
+        EXPECT_EQ(engine.add_video_frame(far, far + kFrame, far, 0, numbered_uyvy(0xEE), 0), 1);
+        EXPECT_TRUE(engine.add_audio_frame(0, far, far + kFrame, 0, line_sound(2, 9999)));
+        EXPECT_EQ(engine.add_teletext_frame(far, far + kFrame, bad, 1), 1);
+        EXPECT_EQ(engine.add_vbi_frame(far, far + kFrame, bad, 1, nullptr), 1);
+    }
+    for (const char* stream : {"video", "audio", "teletext", "vbi"})
+        EXPECT_EQ(out.count_containing(std::string("qvjtrenderer: ") + stream + " stamp "), 1u) << stream;
+    for (uint64_t n = 3; n < 6; ++n)
+        feed(n);
+
+    ASSERT_EQ(engine.start(), 0);
+    std::vector<uint8_t> vbi;
+    for (unsigned n = 0; n < 6; ++n) {
+        ASSERT_EQ(map(n), fifo_ok) << n;
+        EXPECT_EQ(number_of(image), n);
+        if (n > 0) { // a stamp of 0 counts as none and has nothing to join
+            ASSERT_EQ(teletext.size(), 1u) << n;
+            EXPECT_EQ(teletext[0], n);
+        }
+        const auto* pcm = reinterpret_cast<const int16_t*>(sound.data());
+        EXPECT_EQ(pcm[0], int16_t(100 + n));
+    }
+    engine.reset();
+    for (uint64_t n = 0; n < 2; ++n)
+        feed(n);
+    ASSERT_EQ(engine.start(), 0);
+    ASSERT_EQ(engine.map_next_data_vbi(0, image, sound, vbi, nullptr), fifo_ok);
+    ASSERT_EQ(engine.map_next_data_vbi(1, image, sound, vbi, nullptr), fifo_ok);
+    ASSERT_EQ(vbi.size(), 1u);
+    EXPECT_EQ(vbi[0], 0x81);
+}
+
+namespace {
+
+// SCTE-104 splice_request_data of a one-operation message: splice type and pre-roll (ms).
+std::pair<int, int> splice_request_of(const std::vector<uint8_t>& m)
+{
+    if (m.size() < 25 || m[12] != 0x01 || m[13] != 0x01)
+        return {-1, -1};
+    return {m[16], m[23] << 8 | m[24]};
+}
+
+} // namespace
+
+// Decoders set no DTS: SCTE messages then count from the newest picture's
+// running time instead of being dropped; a demuxer's event that gives the
+// splice in running time gets its pre-roll in running time, and the copies
+// of one event that arrive on every pad are queued once.
+TEST_F(FifoEngine, ScteWithoutDtsCountsInRunningTime)
+{
+    gsize n = 0;
+    guchar* raw = g_base64_decode("/DAvAAAAAAAA///wFAVIAACPf+/+c2nALv4AUsz1AAAAAAAKAAhDVUVJAAABNWLbowo=", &n);
+    const std::vector<uint8_t> section(raw, raw + n);
+    g_free(raw);
+    set_up(0);
+    constexpr uint64_t kRunning = 100ull * 1000000000ull; // the pictures' running time at frame 0
+    auto add_undated = [&](uint64_t f) {
+        return engine.add_video_frame(f * kFrame, (f + 1) * kFrame, QV_TIME_NONE, 0, numbered_uyvy(uint8_t(f)), 0,
+                                      kRunning + f * kFrame);
+    };
+    EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), QV_TIME_NONE, 1), 1); // no picture yet
+    EXPECT_EQ(engine.m_scte104_fifo.queued(), 0u);
+    ASSERT_EQ(add_undated(0), 1);
+    ASSERT_EQ(add_undated(1), 1);
+
+    uint8_t msg[] = {0xFF, 0xFF, 0x00, 0x05, 0x00};
+    EXPECT_EQ(engine.add_scte104_frame(msg, sizeof msg), 1);
+    EXPECT_EQ(engine.m_scte104_fifo.queued(), 1u) << "queued without a DTS";
+
+    // The event's running-time map puts the splice 2.5 s after frame 1.
+    const uint64_t splice = kRunning + kFrame + 2500000000ull;
+    EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), splice, 7), 1);
+    EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), splice, 7), 1); // same event, other pad
+    ASSERT_EQ(engine.m_scte104_fifo.queued(), 2u);
+    ASSERT_EQ(add_undated(2), 1);
+    // A splice already due goes out with no pre-roll.
+    EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), kRunning, 8), 1);
+    ASSERT_EQ(engine.m_scte104_fifo.queued(), 3u);
+
+    // Messages of one picture go out one a frame, from that picture's frame on.
+    ASSERT_EQ(engine.start(), 0);
+    ASSERT_EQ(add_undated(3), 1);
+    std::vector<std::vector<uint8_t>> out;
+    for (unsigned f = 0; f < 4; ++f) {
+        ASSERT_EQ(map(f), fifo_ok);
+        out.push_back(scte104);
+    }
+    EXPECT_TRUE(out[0].empty());
+    EXPECT_EQ(out[1], std::vector<uint8_t>(msg, msg + sizeof msg));
+    EXPECT_EQ(splice_request_of(out[2]), std::make_pair(1, 2500)) << "spliceStart_normal, 2.5 s";
+    EXPECT_EQ(splice_request_of(out[3]), std::make_pair(1, 0));
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <numeric>
+#include <string>
 #include <vector>
 
 using QVSDK::QVMemoryManager;
@@ -98,21 +99,6 @@ TEST(QVSoundFifo, GapBeyondToleranceIsPlayedAsSilence)
     EXPECT_TRUE(std::equal(b.begin(), b.end(), got.begin() + 7680 + 5000));
 }
 
-TEST(QVSoundFifo, ReadSplitsChunksAndZeroFillsAShortFifo)
-{
-    QVSoundFifo f;
-    ASSERT_TRUE(f.init(4096, kStereo16, 16));
-    const auto a = ramp(1000, 3);
-    ASSERT_TRUE(f.put(0, a.data(), a.size()));
-    QVSound out = sound_of(600);
-    ASSERT_TRUE(f.get(0, out));
-    EXPECT_TRUE(std::equal(a.begin(), a.begin() + 600, out.data()));
-    ASSERT_TRUE(f.get(600, out));
-    EXPECT_TRUE(std::equal(a.begin() + 600, a.end(), out.data()));
-    EXPECT_TRUE(std::all_of(out.data() + 400, out.data() + 600, [](uint8_t v) { return v == 0; }));
-    EXPECT_EQ(f.m_nReadPos, 1200);
-}
-
 TEST(QVSoundFifo, SkipNeverMovesBackwards)
 {
     QVSoundFifo f;
@@ -129,39 +115,60 @@ TEST(QVSoundFifo, SkipNeverMovesBackwards)
     EXPECT_EQ(f.m_queue.front().m_nStartPos, 500);
 }
 
-TEST(QVSoundFifo, RefusesWhatDoesNotFitOrMatch)
-{
-    QVSoundFifo f;
-    EXPECT_FALSE(f.init(100, QVSoundFormat(), 0));
-    ASSERT_TRUE(f.init(100, kStereo16, 0));
-    const auto a = ramp(64, 0);
-    EXPECT_TRUE(f.put(0, a.data(), 64));
-    EXPECT_FALSE(f.put(64, a.data(), 64)); // ring full
+namespace {
 
-    QVSound mono;
-    mono.init(64, QVSoundFormat(0, 48000, 16, 1));
-    EXPECT_FALSE(f.put(64, mono));
-    QVSound otherRate;
-    otherRate.init(64, QVSoundFormat(0, 44100, 16, 2));
-    EXPECT_FALSE(f.put(64, otherRate));
+struct InputFormat {
+    uint16_t bits;
+    uint16_t channels;
+};
+
+class QVSoundFifoInput : public ::testing::TestWithParam<InputFormat> {};
+
+// Independent oracle: a sample value given as a signed 32-bit full-scale
+// number, as the FIFO's 16-bit samples must come out of any input depth.
+int16_t to16(int32_t full)
+{
+    return static_cast<int16_t>(full >> 16);
 }
 
-TEST(QVSoundFifo, ConvertsBitDepthOnTheWayIn)
+} // namespace
+
+// Every depth and channel count the audio pads take goes into a stereo 16-bit
+// line: mono on both sides, nothing silent, nothing shifted.
+TEST_P(QVSoundFifoInput, ConvertsIntoTheLineFormat)
 {
-    QVSoundFifo f;
-    ASSERT_TRUE(f.init(1024, kStereo16, 0));
-    QVSound s32;
-    ASSERT_TRUE(s32.init(16, QVSoundFormat(0, 48000, 32, 2)));
-    const int32_t samples[4] = {0x12345678, -0x40000000, 0x00010000, 0};
-    std::memcpy(s32.data(), samples, sizeof samples);
-    ASSERT_TRUE(f.put(0, s32));
-    EXPECT_EQ(f.m_nWritePos, 8); // 2 frames of 4 bytes
-    QVSound out = sound_of(8);
-    ASSERT_TRUE(f.get(0, out));
-    int16_t got[4];
-    std::memcpy(got, out.data(), sizeof got);
-    EXPECT_EQ(got[0], 0x1234);
-    EXPECT_EQ(got[1], -0x4000);
-    EXPECT_EQ(got[2], 1);
-    EXPECT_EQ(got[3], 0);
+    const InputFormat in = GetParam();
+    const QVSoundFormat f(0, 48000, in.bits, in.channels);
+    const size_t frames = 64;
+    QVSound s;
+    ASSERT_TRUE(s.init(frames * f.m_block_align, f));
+    std::vector<int32_t> full(frames * in.channels);
+    for (size_t i = 0; i < full.size(); ++i) {
+        // Distinct per channel and frame, sign included, exact at 8 bits.
+        const int32_t v8 = static_cast<int32_t>((i * 37 + 5) % 256) - 128;
+        full[i] = v8 * (1 << 24);
+        const int32_t sample = full[i] >> (32 - in.bits);
+        std::memcpy(s.data() + i * (in.bits / 8), &sample, in.bits / 8); // little-endian low bytes
+    }
+    QVSoundFifo fifo;
+    ASSERT_TRUE(fifo.init(1 << 14, kStereo16, 64));
+    ASSERT_TRUE(fifo.put(0, s));
+    QVSound out = sound_of(frames * 4);
+    ASSERT_TRUE(fifo.get(0, out));
+    const auto* got = reinterpret_cast<const int16_t*>(out.data());
+    for (size_t k = 0; k < frames; ++k) {
+        const int32_t left = full[k * in.channels];
+        const int32_t right = full[k * in.channels + (in.channels > 1 ? 1 : 0)];
+        ASSERT_EQ(got[2 * k], to16(left)) << "frame " << k;
+        ASSERT_EQ(got[2 * k + 1], to16(right)) << "frame " << k;
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(AllDepths, QVSoundFifoInput,
+                         ::testing::Values(InputFormat{8, 1}, InputFormat{8, 2}, InputFormat{16, 1},
+                                           InputFormat{16, 2}, InputFormat{24, 2}, InputFormat{32, 1},
+                                           InputFormat{32, 2}),
+                         [](const ::testing::TestParamInfo<InputFormat>& i) {
+                             return "S" + std::to_string(i.param.bits) + "_" + std::to_string(i.param.channels) +
+                                    "ch";
+                         });

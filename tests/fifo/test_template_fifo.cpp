@@ -41,14 +41,6 @@ protected:
 
 } // namespace
 
-TEST_F(TemplateFifo, NumbersPacketsAndDropsAStampZeroOnEmptyQueue)
-{
-    EXPECT_TRUE(add(0, "a"));
-    EXPECT_TRUE(add(kFrame, "b"));
-    EXPECT_TRUE(add(2 * kFrame, "c"));
-    EXPECT_EQ(indexes(), (std::vector<int64_t>{1, 2}));
-}
-
 TEST_F(TemplateFifo, UnstampedPacketsAreGluedToTheFrameBefore)
 {
     ASSERT_TRUE(add(kFrame, "ab"));
@@ -97,14 +89,6 @@ TEST_F(TemplateFifo, ReanchorsOnlyBeyondTwoFrames)
     }
 }
 
-TEST_F(TemplateFifo, FullnessIsTheSpanEvenAfterAnchoringBackwards)
-{
-    ASSERT_TRUE(add(10 * kFrame, "p"));
-    ASSERT_TRUE(add(4 * kFrame, "p"));
-    ASSERT_EQ(indexes(), (std::vector<int64_t>{10, 4}));
-    EXPECT_EQ(stats.nFifoFullness, static_cast<int64_t>(6 * kFrame));
-}
-
 TEST_F(TemplateFifo, FullQueueReportsAndLosesThePacket)
 {
     for (int i = 1; i <= 8; ++i)
@@ -112,28 +96,6 @@ TEST_F(TemplateFifo, FullQueueReportsAndLosesThePacket)
     EXPECT_FALSE(add(9 * kFrame, "q"));
     EXPECT_EQ(stats.strLastError, "No place in gst fifo.");
     EXPECT_EQ(fifo.queued(), 8u);
-}
-
-TEST_F(TemplateFifo, TimecodeTravelsWithItsPayload)
-{
-    qv_input_timecode tc;
-    tc.timecode.hours = 10;
-    tc.timecode.minutes = 2;
-    tc.timecode.seconds = 3;
-    tc.timecode.frames = 4;
-    tc.pText = "10:02:03:04";
-    ASSERT_TRUE(add(kFrame, "v", &tc));
-    ASSERT_TRUE(add(2 * kFrame, "w"));
-    EXPECT_EQ(stats.strTimecode, "10:02:03:04");
-
-    std::vector<uint8_t> out;
-    qv_timecode got;
-    EXPECT_TRUE(fifo.map_data(1, out, &got));
-    EXPECT_TRUE(got.bValid);
-    EXPECT_EQ(got.timecode.hours, 10);
-    EXPECT_EQ(got.timecode.frames, 4);
-    EXPECT_TRUE(fifo.map_data(2, out, &got));
-    EXPECT_FALSE(got.bValid);
 }
 
 TEST_F(TemplateFifo, SkipKeepsTheNewestDueItem)
@@ -147,15 +109,4 @@ TEST_F(TemplateFifo, SkipKeepsTheNewestDueItem)
     EXPECT_EQ(indexes(), (std::vector<int64_t>{5, 9}));
     fifo.skip_data(100);
     EXPECT_EQ(indexes(), (std::vector<int64_t>{9}));
-}
-
-TEST_F(TemplateFifo, ResetRecyclesAndRestartsNumbering)
-{
-    for (uint64_t f : {20, 21, 22})
-        ASSERT_TRUE(add(f * kFrame, "p"));
-    fifo.reset();
-    EXPECT_EQ(fifo.queued(), 0u);
-    EXPECT_EQ(fifo.free_items(), 8u);
-    ASSERT_TRUE(add(2 * kFrame, "p"));
-    EXPECT_EQ(fifo.m_fifo.back()->index, 1);
 }

@@ -100,22 +100,6 @@ INSTANTIATE_TEST_SUITE_P(Formats, RepackToUyvy,
                                            repack_case{QVSDK::FORMAT_NV12, AV_PIX_FMT_NV12, false, "NV12"}),
                          [](const ::testing::TestParamInfo<repack_case>& p) { return std::string(p.param.name); });
 
-TEST(TransformImage, SameFormatAndSizeIsAnExactCopyAcrossStrides)
-{
-    for (auto f : {QVSDK::FORMAT_UYVY, QVSDK::FORMAT_IYUV, QVSDK::FORMAT_NV12, QVSDK::FORMAT_BGRA}) {
-        const QVImage src = make(64, 8, f, 3);
-        // A destination with padded rows: the copy must honour both strides.
-        QVImage dst(64, 8, 64 * 4 + 32, QVSDK::FieldOrder_Upper_First, f);
-        QVTransformImage t;
-        ASSERT_TRUE(t.transform(src, dst)) << f;
-        EXPECT_EQ(std::memcmp(src.data(0), dst.data(0), static_cast<size_t>(src.width()) * (f == QVSDK::FORMAT_BGRA ? 4 : f == QVSDK::FORMAT_UYVY ? 2 : 1)), 0);
-        const int last = src.height() - 1;
-        EXPECT_EQ(src.data(0)[static_cast<ptrdiff_t>(last) * src.stride(0) + 5],
-                  dst.data(0)[static_cast<ptrdiff_t>(last) * dst.stride(0) + 5]);
-        EXPECT_EQ(t.contextsMade(), 0u);
-    }
-}
-
 TEST(TransformImage, RgbUsesBt601ForSdAndBt709ForHdInStudioRange)
 {
     struct colour_case {
@@ -181,54 +165,6 @@ TEST(TransformImage, ScalingKeepsFlatAreasAndEdgePositions)
     // The edge stays in the middle.
     EXPECT_GT(uyvy_at(dst, 940, 10, 1), 200);
     EXPECT_LT(uyvy_at(dst, 980, 10, 1), 50);
-}
-
-TEST(TransformImage, ContextIsMadeOncePerGeometryAndFormat)
-{
-    QVTransformImage t;
-    t.setThreads(2);
-    QVImage hd(1920, 1080, QVSDK::FieldOrder_Upper_First, QVSDK::FORMAT_UYVY);
-    const QVImage sd = make(720, 576, QVSDK::FORMAT_UYVY, 1);
-    const QVImage rgb = make(720, 576, QVSDK::FORMAT_BGRA, 1);
-    ASSERT_TRUE(t.transform(sd, hd));
-    const unsigned long first = t.contextsMade();
-    EXPECT_GE(first, 1u);
-    for (int i = 0; i < 3; ++i)
-        ASSERT_TRUE(t.transform(sd, hd));
-    EXPECT_EQ(t.contextsMade(), first);
-    ASSERT_TRUE(t.transform(rgb, hd));
-    const unsigned long second = t.contextsMade();
-    EXPECT_GT(second, first);
-    ASSERT_TRUE(t.transform(rgb, hd));
-    EXPECT_EQ(t.contextsMade(), second);
-    ASSERT_TRUE(t.transform(sd, hd));
-    EXPECT_GT(t.contextsMade(), second);
-}
-
-TEST(TransformImage, ThreadCountDoesNotChangeTheResult)
-{
-    // Bands and fields are split over threads; the picture must not depend on it.
-    struct job {
-        int sw, sh;
-        QVSDK::QVEnumFormats sf;
-        int dw, dh;
-    };
-    const std::vector<job> jobs = {
-        {1920, 1080, QVSDK::FORMAT_UYVY, 1920, 1080}, {1920, 1080, QVSDK::FORMAT_NV12, 1920, 1080},
-        {1920, 1080, QVSDK::FORMAT_YUY2, 1920, 1080}, {1920, 1080, QVSDK::FORMAT_BGRA, 1920, 1080},
-        {720, 576, QVSDK::FORMAT_UYVY, 1920, 1080},   {720, 576, QVSDK::FORMAT_IYUV, 1920, 1080},
-    };
-    for (const job& j : jobs) {
-        const QVImage src = make(j.sw, j.sh, j.sf, 11);
-        QVImage one(j.dw, j.dh, QVSDK::FieldOrder_Upper_First, QVSDK::FORMAT_UYVY);
-        QVImage many(j.dw, j.dh, QVSDK::FieldOrder_Upper_First, QVSDK::FORMAT_UYVY);
-        QVTransformImage t1, t4;
-        t1.setThreads(1);
-        t4.setThreads(4);
-        ASSERT_TRUE(t1.transform(src, one));
-        ASSERT_TRUE(t4.transform(src, many));
-        EXPECT_TRUE(same_bytes(one, many)) << j.sf << " " << j.sw << "x" << j.sh;
-    }
 }
 
 TEST(TransformImage, InterlacedResizeKeepsFieldsApart)

@@ -43,36 +43,6 @@ protected:
 
 } // namespace
 
-TEST_F(VideoFifo, FrameNumberConversionsAtTwentyFive)
-{
-    EXPECT_EQ(fifo.pts_to_image_number(40000000), 1u);
-    EXPECT_EQ(fifo.pts_to_image_number(19999999), 0u);
-    EXPECT_EQ(fifo.pts_to_image_number(20000000), 1u);
-    EXPECT_EQ(fifo.number_to_pts(3), 120000000u);
-    // At 29.97 the reverse conversion has no rounding term and may fall below the stamp.
-    qv_video_fifo ntsc(stats.m_video, alarms);
-    ntsc.init(29.97f, QVSDK::FORMAT_UYVY, QVSDK::QVSize(16, 2), QVSDK::FieldOrder_Upper_First);
-    for (uint64_t pts : {33366700ull, 1000000000ull, 3600000000000ull}) {
-        const uint64_t n = ntsc.pts_to_image_number(pts);
-        const uint64_t back = ntsc.number_to_pts(static_cast<int64_t>(n));
-        EXPECT_LE(back, pts + 33366700 / 2 + 1);
-        EXPECT_GE(back + 33366700, pts);
-    }
-}
-
-TEST_F(VideoFifo, NominalFeedFromZeroIsNumberedSilently)
-{
-    print_capture console;
-    for (uint8_t i = 0; i < 8; ++i)
-        ASSERT_TRUE(add(i * kFrame, i));
-    EXPECT_EQ(indexes(), (std::vector<int64_t>{0, 1, 2, 3, 4, 5, 6, 7}));
-    EXPECT_TRUE(console.lines().empty());
-    EXPECT_EQ(fifo.m_nStartIndex, 0);
-    EXPECT_EQ(fifo.m_nStopIndex, 7);
-    EXPECT_EQ(stats.m_video.nFifoFullness, 7 * kFrame);
-    EXPECT_EQ(stats.m_video.nFrameArrivalTime, 7 * kFrame);
-}
-
 TEST_F(VideoFifo, OneFrameJitterIsAbsorbedLargerJumpsReanchorOnce)
 {
     struct step {
@@ -96,16 +66,6 @@ TEST_F(VideoFifo, OneFrameJitterIsAbsorbedLargerJumpsReanchorOnce)
         EXPECT_EQ(fifo.m_video_fifo.back()->index, steps[i].expected) << "step " << i;
         EXPECT_EQ(console.lines().size(), steps[i].message ? 1u : 0u) << "step " << i;
     }
-}
-
-TEST_F(VideoFifo, ReanchorMessageNamesBothFrameNumbersAndStamps)
-{
-    ASSERT_TRUE(add(0, 0));
-    print_capture console;
-    ASSERT_TRUE(add(75 * kFrame, 1));
-    ASSERT_EQ(console.lines().size(), 1u);
-    EXPECT_EQ(console.lines()[0], "qv_jt_renderer: video: nCurrentFrame = 75, m_nLastFrameNumber = 1, ptsStart = "
-                                  "00:00:03.000, ptsOldStart = 00:00:00.000\n");
 }
 
 TEST_F(VideoFifo, MapShowsTheNewestDuePictureAndCountsSkips)
@@ -170,42 +130,6 @@ TEST_F(VideoFifo, LateFrameBehindADueOneIsDroppedNotShown)
     EXPECT_EQ(number_of(out), 3);
     EXPECT_EQ(stats.m_video.nSkipFrame, 3u);
     EXPECT_EQ(fifo.queued(), 0u);
-}
-
-TEST_F(VideoFifo, ResetKeepsTheCurrentPictureForRepeats)
-{
-    ASSERT_TRUE(add(0, 7));
-    ASSERT_TRUE(add(kFrame, 8));
-    QVImage out;
-    ASSERT_TRUE(fifo.map_image(0, out));
-    fifo.reset();
-    EXPECT_EQ(fifo.queued(), 0u);
-    EXPECT_EQ(fifo.free_items(), 8u);
-    EXPECT_EQ(fifo.m_nRealPTS, 0u);
-    EXPECT_EQ(fifo.m_nLastFrameNumber, -1);
-    EXPECT_FALSE(fifo.map_image(5, out));
-    EXPECT_EQ(number_of(out), 7);
-    fifo.clear();
-    EXPECT_EQ(fifo.free_items(), 0u);
-    EXPECT_EQ(fifo.m_pItem, nullptr);
-    // Not allocated again: nothing to repeat, nothing to queue, and no crash.
-    EXPECT_FALSE(fifo.map_image(6, out));
-    EXPECT_FALSE(add(6 * kFrame, 9));
-}
-
-TEST_F(VideoFifo, HardwareStatisticsListOnlyStampedFrames)
-{
-    ASSERT_TRUE(add(0, 0, 0));
-    ASSERT_TRUE(add(kFrame, 1, 0x1'0000'0005ul));
-    ASSERT_TRUE(add(2 * kFrame, 2, 0));
-    ASSERT_TRUE(add(3 * kFrame, 3, 77));
-    const auto rows = fifo.getHWstat();
-    ASSERT_EQ(rows.size(), 2u);
-    EXPECT_EQ(rows[0].index, 1);
-    EXPECT_EQ(rows[0].hw_time, 5u); // truncated to 32 bits
-    EXPECT_EQ(rows[1].index, 3);
-    EXPECT_EQ(rows[1].hw_time, 77u);
-    EXPECT_LE(rows[0].tp, rows[1].tp);
 }
 
 TEST_F(VideoFifo, UnconvertiblePictureGoesOutBlack)

@@ -26,29 +26,6 @@ void frames(qv_alarms_dispatcher& d, int n)
         d.frame_event();
 }
 
-TEST(AlarmsDispatcher, SilentInputRaisesAfterThresholdAndClearsOnReturn)
-{
-    qv_alarms_dispatcher d;
-    recording_manager m(3);
-    d.set_alarm_manager(&m);
-    d.set_source_name("ch1");
-    d.start(true, true, false, false);
-
-    frames(d, 3);
-    EXPECT_TRUE(m.log.empty()) << "three silent frames are within the threshold";
-    d.audio_event();
-    d.frame_event();
-    EXPECT_EQ(m.log, (std::vector<std::string>{"+no-video@ch1"}));
-    frames(d, 5);
-    EXPECT_EQ(m.log.size(), 2u) << "audio went silent too; video stays raised without repeats";
-    EXPECT_EQ(m.log[1], "+no-audio@ch1");
-
-    d.video_event();
-    EXPECT_EQ(m.log.back(), "-no-video@ch1");
-    d.video_event();
-    EXPECT_EQ(m.log.size(), 3u) << "a clear is sent once";
-}
-
 TEST(AlarmsDispatcher, UnlinkedInputsAreNotWatched)
 {
     qv_alarms_dispatcher d;
@@ -112,28 +89,6 @@ TEST(AlarmsDispatcher, RestartHoldsThenClears)
     d.frame_event();
     EXPECT_FALSE(d.is_raised(qv_alarms_dispatcher::al_restart));
     EXPECT_EQ(m.log, (std::vector<std::string>{"+playout-restart@", "-playout-restart@"}));
-}
-
-TEST(AlarmsDispatcher, FallbackSinkOnlyWithoutManager)
-{
-    qv_alarms_dispatcher d;
-    std::vector<qv_alarm_event> seen;
-    d.set_fallback_sink([&](const qv_alarm_event& ev) { seen.push_back(ev); });
-    d.set_silence_frames(2);
-    d.set_source_name("studio");
-    d.start(true, false, false, false);
-    frames(d, 3);
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_TRUE(seen[0].bRaise);
-    EXPECT_EQ(seen[0].strAlarm, QV_ALARM_NO_VIDEO);
-    EXPECT_EQ(seen[0].strSource, "studio");
-    EXPECT_FALSE(seen[0].strText.empty());
-
-    recording_manager m;
-    d.set_alarm_manager(&m);
-    d.video_event();
-    EXPECT_EQ(seen.size(), 1u);
-    EXPECT_EQ(m.log, (std::vector<std::string>{"-no-video@studio"}));
 }
 
 } // namespace

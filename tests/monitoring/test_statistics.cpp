@@ -13,27 +13,6 @@ std::string value_of(const qv_base_statistics::items& items, const std::string& 
     return it == items.end() ? "<missing>" : it->second;
 }
 
-size_t count_prefix(const qv_base_statistics::items& items, const std::string& prefix)
-{
-    return std::count_if(items.begin(), items.end(),
-                         [&](const auto& p) { return p.first.compare(0, prefix.size(), prefix) == 0; });
-}
-
-TEST(Statistics, GenlockTexts)
-{
-    const std::pair<int, const char*> cases[] = {
-        {0, "No genlock (master)"}, {1, "Genlock enabled, but no signal present"}, {2, "Frequency locking"},
-        {3, "Locked"}, {4, "Output is genlocked, but input is wrong"}, {5, "Unknown"}, {-1, "Unknown"}};
-    for (const auto& [state, text] : cases)
-        EXPECT_STREQ(qv_renderer_statistics::genlock_state_text(state), text) << state;
-    EXPECT_EQ(qv_renderer_statistics::genlock_source_text(0), "Master");
-    EXPECT_EQ(qv_renderer_statistics::genlock_source_text(1), "Analog");
-    EXPECT_EQ(qv_renderer_statistics::genlock_source_text(2), "Input 1");
-    EXPECT_EQ(qv_renderer_statistics::genlock_source_text(9), "Input 8");
-    EXPECT_EQ(qv_renderer_statistics::genlock_source_text(10), "Unknown");
-    EXPECT_EQ(qv_renderer_statistics::genlock_source_text(-3), "Unknown");
-}
-
 TEST(Statistics, TimeFormatCarriesAcrossUnits)
 {
     EXPECT_EQ(qv_renderer_statistics::format_time(0), "00:00:00.000");
@@ -42,37 +21,6 @@ TEST(Statistics, TimeFormatCarriesAcrossUnits)
     EXPECT_EQ(qv_renderer_statistics::format_time(3600000000000ull + 61001000000ull), "01:01:01.001");
     // A day and more keeps counting hours rather than wrapping.
     EXPECT_EQ(qv_renderer_statistics::format_time(100ull * 3600 * 1000000000ull), "100:00:00.000");
-}
-
-TEST(Statistics, SnapshotOrderAndAudioGroups)
-{
-    qv_renderer_statistics st;
-    auto items = st.get_items();
-    EXPECT_EQ(count_prefix(items, "Audio #"), 0u);
-    ASSERT_GE(items.size(), 6u);
-    EXPECT_EQ(items[0].first, "System time");
-    EXPECT_EQ(items[1].first, "Device time");
-    EXPECT_EQ(items[5].first, "Number of fifo restarts");
-    EXPECT_EQ(items.back().first, "VBI last error");
-    EXPECT_EQ(value_of(items, "SCTE-35/104 sample arriavl time"), "00:00:00.000");
-
-    st.create_audio_statistics();
-    st.clear_audio_statistics();
-    auto a0 = st.create_audio_statistics();
-    st.create_audio_statistics();
-    auto a2 = st.create_audio_statistics();
-    a0->nFifoFullness = 11;
-    a2->nFifoFullness = -7;
-    items = st.get_items();
-    EXPECT_EQ(count_prefix(items, "Audio #"), 12u);
-    EXPECT_EQ(value_of(items, "Audio #0 fifo fullness"), "11");
-    EXPECT_EQ(value_of(items, "Audio #2 fifo fullness"), "-7");
-    // The audio groups sit between the video and the teletext items.
-    const auto pos = [&](const std::string& n) {
-        return std::find_if(items.begin(), items.end(), [&](const auto& p) { return p.first == n; }) - items.begin();
-    };
-    EXPECT_LT(pos("Video last error"), pos("Audio #0 sample arrival time"));
-    EXPECT_LT(pos("Audio #2 last error"), pos("Teletext frame arrival time"));
 }
 
 TEST(Statistics, ResetZeroesFiguresButKeepsGenlockAndAudioRecords)

@@ -27,31 +27,6 @@ std::vector<uint8_t> write_list(const QVDescriptorList& l)
 
 } // namespace
 
-TEST(DescriptorList, SizeFindAndStrayBytes)
-{
-    // Two raw descriptors of 5 bytes each with the same tag, then 2 stray bytes.
-    const std::vector<uint8_t> loop = {0x99, 3, 1, 2, 3, 0x99, 3, 4, 5, 6, 0xEE, 0xEE};
-    QVDescriptorList l(e_ts_desc_type);
-    ASSERT_TRUE(read_list(l, loop));
-    ASSERT_EQ(l.descriptor.size(), 2u);
-    EXPECT_EQ(l.getSize(), 10);
-    EXPECT_EQ(l.find(0x99), l.descriptor[0]);
-    EXPECT_FALSE(l.find(0x98));
-    EXPECT_EQ(write_list(l), std::vector<uint8_t>(loop.begin(), loop.end() - 2));
-}
-
-TEST(DescriptorList, TwoFiveByteSpliceDescriptorsMakeFourteen)
-{
-    QVDescriptorList l(e_scte35_desc_type);
-    for (int i = 0; i < 2; ++i) {
-        auto d = std::make_shared<base_descriptor>(0x80);
-        d->descriptor_data.alloc(5, 0);
-        d->descriptor_length = 5;
-        l.add(d);
-    }
-    EXPECT_EQ(l.getSize(), 14);
-}
-
 TEST(DescriptorList, OverrunAndTruncationFailTheList)
 {
     QVDescriptorList l(e_scte35_desc_type);
@@ -81,67 +56,6 @@ TEST(DescriptorList, SegmentationUpidMustFitTheDescriptor)
     d[13] = 9; // UPID one byte longer than the descriptor allows
     QVDescriptorList bad(e_scte35_desc_type);
     EXPECT_FALSE(read_list(bad, d));
-}
-
-TEST(DescriptorList, SegmentationWithComponentsAndSubSegments)
-{
-    const std::vector<uint8_t> d = {0x02, 0x1E, 'C', 'U', 'E', 'I', 0, 0, 0, 5, 0x7F,
-                                    0x1B,                               // not program, no duration, restricted
-                                    2, 0x10, 0xFE, 0, 0, 0, 1,          // component 0x10, pts 1
-                                    0x11, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, // component 0x11, pts 0x1FFFFFFFF
-                                    0x00, 0x00, 0x34, 1, 4, 2, 3};     // no UPID, type 0x34, sub 2 of 3
-    QVDescriptorList l(e_scte35_desc_type);
-    ASSERT_TRUE(read_list(l, d));
-    auto seg = std::dynamic_pointer_cast<scte35_segmentation_descriptor>(l.descriptor.at(0));
-    ASSERT_TRUE(seg);
-    EXPECT_EQ(seg->program_segmentation_flag, 0);
-    EXPECT_EQ(seg->web_delivery_allowed_flag, 1);
-    EXPECT_EQ(seg->no_regional_blackout_flag, 1);
-    EXPECT_EQ(seg->archive_allowed_flag, 0);
-    EXPECT_EQ(seg->device_restrictions, 3);
-    ASSERT_EQ(seg->components.size(), 2u);
-    EXPECT_EQ(seg->components[1].pts_offset, 0x1FFFFFFFFull);
-    EXPECT_TRUE(seg->sub_segment_present);
-    EXPECT_EQ(seg->sub_segment_num, 2);
-    EXPECT_EQ(seg->sub_segments_expected, 3);
-    EXPECT_EQ(write_list(l), d);
-}
-
-TEST(DescriptorList, TimeDescriptorAndDeepCopy)
-{
-    const std::vector<uint8_t> d = {0x03, 0x10, 'C', 'U', 'E', 'I', 0, 0, 0x5F, 0x5E, 0x10, 0x00,
-                                    0x3B, 0x9A, 0xC9, 0xFF, 0x00, 0x25};
-    QVDescriptorList l(e_scte35_desc_type);
-    ASSERT_TRUE(read_list(l, d));
-    auto t = std::dynamic_pointer_cast<scte35_time_descriptor>(l.find(3));
-    ASSERT_TRUE(t);
-    EXPECT_EQ(t->TAI_seconds, 0x5F5E1000ull);
-    EXPECT_EQ(t->TAI_ns, 999999999u);
-    EXPECT_EQ(t->UTC_offset, 37);
-
-    QVDescriptorList copy;
-    l.copyTo(copy);
-    EXPECT_EQ(copy.m_type, e_scte35_desc_type);
-    t->UTC_offset = 1;
-    t->descriptor_data.data()[0] = 0;
-    auto c = std::dynamic_pointer_cast<scte35_time_descriptor>(copy.find(3));
-    ASSERT_TRUE(c);
-    EXPECT_EQ(c->UTC_offset, 37);
-    EXPECT_EQ(c->payload()[0], 'C');
-    EXPECT_EQ(write_list(copy), d);
-}
-
-TEST(DescriptorList, HandBuiltDescriptorGetsItsLength)
-{
-    auto dtmf = std::make_shared<scte35_dtmf_descriptor>();
-    dtmf->preroll = 10;
-    dtmf->dtmf_count = 3;
-    dtmf->DTMF_chars = {'1', '2', '3'};
-    ASSERT_TRUE(dtmf->update_length());
-    EXPECT_EQ(dtmf->descriptor_length, 9);
-    QVDescriptorList l(e_scte35_desc_type);
-    l.add(dtmf);
-    EXPECT_EQ(write_list(l), (std::vector<uint8_t>{1, 9, 'C', 'U', 'E', 'I', 10, 0x7F, '1', '2', '3'}));
 }
 
 // ---- transport-stream and DVB descriptors ---------------------------------------------
@@ -192,16 +106,6 @@ INSTANTIATE_TEST_SUITE_P(
                           v->still_picture_flag == 0 && v->profile_and_level_indication == 0x48 &&
                           v->chroma_format == 1 && v->frame_rate_extension_flag == 0;
                }},
-        TsCase{"audio_stream", {3, 1, 0x67},
-               [](const base_descriptor& d) {
-                   auto a = as<audio_stream_descriptor>(d);
-                   return a && a->ID == 1 && a->layer == 2 && a->variable_rate_audio_indicator == 0;
-               }},
-        TsCase{"registration", {5, 6, 'C', 'U', 'E', 'I', 0xAB, 0xCD},
-               [](const base_descriptor& d) {
-                   auto r = as<registration_descriptor>(d);
-                   return r && r->format_identifier == 0x43554549 && r->additional_identification_info.size() == 2;
-               }},
         TsCase{"CA", {9, 5, 0x0B, 0x00, 0xE1, 0x23, 0x77},
                [](const base_descriptor& d) {
                    auto c = as<CA_descriptor>(d);
@@ -224,16 +128,6 @@ INSTANTIATE_TEST_SUITE_P(
                    auto s = as<smoothing_buffer_descriptor>(d);
                    return s && s->sb_leak_rate == 0x102 && s->sb_size == 0x3FFFFF;
                }},
-        TsCase{"STD", {17, 1, 0xFF},
-               [](const base_descriptor& d) {
-                   auto s = as<STD_descriptor>(d);
-                   return s && s->leak_valid_flag == 1;
-               }},
-        TsCase{"network_name", {64, 3, 'N', 'e', 't'},
-               [](const base_descriptor& d) {
-                   auto n = as<network_name_descriptor>(d);
-                   return n && n->name == "Net";
-               }},
         TsCase{"service_list", {65, 6, 0x00, 0x01, 0x01, 0x12, 0x34, 0x19},
                [](const base_descriptor& d) {
                    auto s = as<service_list_descriptor>(d);
@@ -248,37 +142,11 @@ INSTANTIATE_TEST_SUITE_P(
                           v->services[0].lines[1].field_parity == 0 && v->services[0].lines[1].line_offset == 26 &&
                           v->services[1].reserved_bytes == std::vector<uint8_t>{0xAA};
                }},
-        TsCase{"VBI_teletext", {70, 5, 'f', 'r', 'a', 0x11, 0x00},
-               [](const base_descriptor& d) {
-                   auto tt = as<teletext_descriptor>(d);
-                   return tt && tt->descriptor_tag == 70 && tt->pages.size() == 1 && tt->pages[0].teletext_type == 2 &&
-                          tt->pages[0].teletext_magazine_number == 1;
-               }},
-        TsCase{"bouquet_name", {71, 2, 'B', 'q'},
-               [](const base_descriptor& d) {
-                   auto b = as<bouquet_name_descriptor>(d);
-                   return b && b->name == "Bq";
-               }},
-        TsCase{"service", {72, 8, 0x01, 2, 'P', 'r', 3, 'O', 'n', 'e'},
-               [](const base_descriptor& d) {
-                   auto s = as<service_descriptor>(d);
-                   return s && s->service_type == 1 && s->service_provider_name == "Pr" && s->service_name == "One";
-               }},
-        TsCase{"short_event", {77, 9, 'e', 'n', 'g', 2, 'H', 'i', 2, 'Y', 'o'},
-               [](const base_descriptor& d) {
-                   auto s = as<short_event_descriptor>(d);
-                   return s && s->event_name == "Hi" && s->text == "Yo";
-               }},
         TsCase{"extended_event", {78, 14, 0x12, 'e', 'n', 'g', 6, 1, 'A', 3, 'b', 'c', 'd', 2, 'x', 'y'},
                [](const base_descriptor& d) {
                    auto e = as<extended_event_descriptor>(d);
                    return e && e->descriptor_number == 1 && e->last_descriptor_number == 2 && e->items.size() == 1 &&
                           e->items[0].item_description == "A" && e->items[0].item_text == "bcd" && e->text == "xy";
-               }},
-        TsCase{"stream_identifier", {82, 1, 0x42},
-               [](const base_descriptor& d) {
-                   auto s = as<stream_identifier_descriptor>(d);
-                   return s && s->component_tag == 0x42;
                }},
         TsCase{"parental_rating", {85, 4, 'G', 'B', 'R', 0x09},
                [](const base_descriptor& d) {
@@ -304,11 +172,6 @@ INSTANTIATE_TEST_SUITE_P(
                    auto s = as<subtitling_descriptor>(d);
                    return s && s->subtitles.size() == 1 && s->subtitles[0].subtitling_type == 0x10 &&
                           s->subtitles[0].composition_page_id == 1 && s->subtitles[0].ancillary_page_id == 2;
-               }},
-        TsCase{"private_data_specifier", {95, 4, 0x00, 0x00, 0x00, 0x28},
-               [](const base_descriptor& d) {
-                   auto p = as<private_data_specifier_descriptor>(d);
-                   return p && p->private_data_specifier == 0x28;
                }},
         TsCase{"ac3", {106, 4, 0xA0, 0x42, 0x01, 0x99},
                [](const base_descriptor& d) {
@@ -339,11 +202,6 @@ INSTANTIATE_TEST_SUITE_P(
                    auto l = as<logical_channel_descriptor>(d);
                    return l && l->channels.size() == 1 && l->channels[0].visible_service_flag == 1 &&
                           l->channels[0].logical_channel_number == 5;
-               }},
-        TsCase{"cue_identifier", {138, 1, 0x01},
-               [](const base_descriptor& d) {
-                   auto c = as<cue_identifier_descriptor>(d);
-                   return c && c->cue_stream_type == 1;
                }},
         TsCase{"unknown_tag_raw", {0xF0, 2, 0x12, 0x34},
                [](const base_descriptor& d) {

@@ -4,6 +4,7 @@
 #include <gst/gst.h>
 #include <gst/mpegts/mpegts.h>
 
+#include "gst_test_env.h"
 #include "scte35.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +27,7 @@ class GstOracle : public ::testing::TestWithParam<InsertEvent> {
 protected:
     static void SetUpTestSuite()
     {
-        gst_init(nullptr, nullptr);
+        qv_test_gst_init();
         gst_mpegts_initialize();
     }
 
@@ -248,68 +249,3 @@ INSTANTIATE_TEST_SUITE_P(
                     0, 0x123456789, {}},
         InsertEvent{"time_signal_immediate", 6, false, false, false, false, false, false, false, 0, 0, 0, {}}),
     [](const auto& p) { return std::string(p.param.name); });
-
-// GStreamer cannot build a splice_schedule, but it parses one: ours must read back there.
-TEST(GstOracleSchedule, GStreamerReadsOurSpliceSchedule)
-{
-    gst_init(nullptr, nullptr);
-    gst_mpegts_initialize();
-    splice_info_section s;
-    auto& sch = s.set_command<splice_schedule_t>();
-    auto program = std::make_shared<splice_event_t>();
-    program->splice_event_id = 10;
-    program->out_of_network_indicator = 1;
-    program->utc_splice_time = 0x5E000010;
-    program->duration_flag = 1;
-    program->break_duration.auto_return = 1;
-    program->break_duration.duration = 2700000;
-    program->unique_program_id = 7;
-    program->avail_num = 1;
-    program->avails_expected = 2;
-    sch.splice_event[10] = program;
-    auto components = std::make_shared<splice_event_t>();
-    components->splice_event_id = 11;
-    components->program_splice_flag = 0;
-    for (uint8_t tag : {3, 1}) {
-        auto c = std::make_shared<component_t>();
-        c->component_tag = tag;
-        c->utc_splice_time = 1000u + tag;
-        components->components[tag] = c;
-    }
-    sch.splice_event[11] = components;
-    auto cancelled = std::make_shared<splice_event_t>();
-    cancelled->splice_event_id = 12;
-    cancelled->splice_event_cancel_indicator = 1;
-    sch.splice_event[12] = cancelled;
-
-    std::vector<uint8_t> out(1024);
-    ASSERT_TRUE(s.write(out.data(), out.size()));
-    out.resize(size_t(s.section_length) + 3);
-
-    GstMpegtsSection* section =
-        gst_mpegts_section_new(0x1FF, static_cast<guint8*>(g_memdup2(out.data(), out.size())), out.size());
-    const GstMpegtsSCTESIT* sit = gst_mpegts_section_get_scte_sit(section);
-    ASSERT_NE(sit, nullptr);
-    EXPECT_EQ(sit->splice_command_type, GST_MTS_SCTE_SPLICE_COMMAND_SCHEDULE);
-    ASSERT_EQ(sit->splices->len, 3u);
-    auto* e0 = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 0));
-    EXPECT_EQ(e0->splice_event_id, 10u);
-    EXPECT_TRUE(e0->out_of_network_indicator);
-    EXPECT_TRUE(e0->program_splice_flag);
-    EXPECT_EQ(e0->utc_splice_time, 0x5E000010u);
-    EXPECT_TRUE(e0->duration_flag);
-    EXPECT_TRUE(e0->break_duration_auto_return);
-    EXPECT_EQ(e0->break_duration, 2700000u);
-    EXPECT_EQ(e0->unique_program_id, 7);
-    EXPECT_EQ(e0->avail_num, 1);
-    EXPECT_EQ(e0->avails_expected, 2);
-    auto* e1 = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 1));
-    EXPECT_FALSE(e1->program_splice_flag);
-    ASSERT_EQ(e1->components->len, 2u);
-    auto* c0 = static_cast<GstMpegtsSCTESpliceComponent*>(g_ptr_array_index(e1->components, 0));
-    EXPECT_EQ(c0->tag, 1); // ascending tag order
-    EXPECT_EQ(c0->utc_splice_time, 1001u);
-    auto* e2 = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 2));
-    EXPECT_TRUE(e2->splice_event_cancel_indicator);
-    gst_mpegts_section_unref(section);
-}

@@ -111,32 +111,6 @@ INSTANTIATE_TEST_SUITE_P(
                       InsertCase{"in, immediate", 0, 0, 1, 1, 0, 0, spliceEnd_immediate, 0, 0},
                       InsertCase{"cancel", 1, 1, 1, 0, 1, 1, splice_cancel, 0, 0}));
 
-TEST(ScteConvert, ComponentSpliceGivesNoSpliceRequest)
-{
-    splice_info_section s;
-    auto& si = s.set_command<splice_insert_t>();
-    si.program_splice_flag = 0;
-    EXPECT_FALSE(scte35_si_to_scte104_srd(0, si));
-    add<avail_descriptor>(s)->provider_avail_id = 5;
-    auto m = to_scte104(0, 25.0, s);
-    ASSERT_TRUE(m);
-    EXPECT_FALSE(m->find_opID(scte104_splice_request_opid));
-    EXPECT_EQ(op_ids(*m), (std::vector<uint16_t>{scte104_insert_avail_descriptor_opid}));
-}
-
-TEST(ScteConvert, CommandsWithoutAConversionGiveNothing)
-{
-    splice_info_section s;
-    EXPECT_FALSE(to_scte104(0, 25.0, s)); // splice_null
-    s.set_command_type(bandwidth_reservation_command_type);
-    EXPECT_FALSE(to_scte104(0, 25.0, s));
-    s.set_command<splice_schedule_t>();
-    EXPECT_FALSE(to_scte104(0, 25.0, s));
-    s.set_command<private_command_t>();
-    EXPECT_FALSE(to_scte104(0, 25.0, s));
-    EXPECT_FALSE(to_scte104(0, 25.0, *golden("splice_null_heartbeat")));
-}
-
 TEST(ScteConvert, InsertTakesOneOperationPerTagInTagOrder)
 {
     splice_info_section s;
@@ -183,59 +157,6 @@ TEST(ScteConvert, InsertTakesOneOperationPerTagInTagOrder)
     EXPECT_TRUE(back.isEqual(*m));
 }
 
-TEST(ScteConvert, TimeSignalIgnoresAvailAndDtmf)
-{
-    splice_info_section s;
-    auto& t = s.set_command<time_signal_t>();
-    t.time_specified_flag = 1;
-    t.pts_time = 900000 + 45000;
-    add<avail_descriptor>(s);
-    add<scte35_dtmf_descriptor>(s);
-    add<scte35_segmentation_descriptor>(s);
-    auto m = to_scte104(900000, 25.0, s);
-    ASSERT_TRUE(m);
-    EXPECT_EQ(op_ids(*m), (std::vector<uint16_t>{0x0104, 0x010B}));
-    EXPECT_EQ(std::dynamic_pointer_cast<scte104_time_signal_request_data>(m->opIDs[0])->pre_roll_time, 500);
-
-    // An unspecified time counts as 0, taken as a wrap from now.
-    t.time_specified_flag = 0;
-    t.pts_time = 0;
-    auto w = to_scte104(kWrap - 90 * 100, 25.0, s);
-    EXPECT_EQ(std::dynamic_pointer_cast<scte104_time_signal_request_data>(w->opIDs[0])->pre_roll_time, 100);
-}
-
-TEST(ScteConvert, SegmentationDurationInSecondsAndExtensionFrames)
-{
-    scte35_segmentation_descriptor d;
-    d.segmentation_event_id = 0x4800008e;
-    d.segmentation_duration_flag = 1;
-    d.segmentation_duration = 10 * 90000 + 45000; // 10.5 s
-    d.segmentation_upid_type = 8;
-    d.segmentation_upid = {1, 2, 3, 4, 5, 6, 7, 8};
-    d.segmentation_type_id = 0x34;
-    d.segment_num = 2;
-    d.segments_expected = 3;
-    d.delivery_not_restricted_flag = 0;
-    d.no_regional_blackout_flag = 1;
-    d.archive_allowed_flag = 1;
-    d.device_restrictions = 3;
-    auto s = scte35_seg_desc_to_scte104_seg_desc(29.97, d);
-    EXPECT_EQ(s->duration, 10);
-    EXPECT_EQ(s->duration_extension_frames, 14); // 0.5 s x 29.97 = 14.985
-    EXPECT_EQ(s->segmentation_upid_length, 8);
-    EXPECT_EQ(s->data_length, 27);
-    EXPECT_EQ(s->segmentation_type_id, 0x34);
-    EXPECT_EQ(s->segment_num, 2);
-    EXPECT_EQ(s->segments_expected, 3);
-    EXPECT_EQ(s->no_regional_blackout_flag, 1);
-    EXPECT_EQ(s->archive_allowed_flag, 1);
-    EXPECT_EQ(s->device_restrictions, 3);
-    d.segmentation_duration_flag = 0;
-    auto n = scte35_seg_desc_to_scte104_seg_desc(25.0, d);
-    EXPECT_EQ(n->duration, 0);
-    EXPECT_EQ(n->duration_extension_frames, 0);
-}
-
 // The standard's own sample 14.2 as it would arrive two seconds before its splice time.
 TEST(ScteConvert, GoldenSpliceInsertBecomesAStartRequestWithAvail)
 {
@@ -252,15 +173,6 @@ TEST(ScteConvert, GoldenSpliceInsertBecomesAStartRequestWithAvail)
     auto avail = std::dynamic_pointer_cast<scte104_insert_avail_descriptor_request_data>(m->opIDs[1]);
     EXPECT_EQ(avail->provider_avail_ids, (std::vector<uint32_t>{0x135}));
     EXPECT_EQ(m->messageSize, 12 + 18 + 9);
-}
-
-TEST(ScteConvert, PreRollSnapsToWholeFrames)
-{
-    EXPECT_EQ(pre_roll_time_to_pts(1000, 25.0), 90000);
-    EXPECT_EQ(pre_roll_time_to_pts(1010, 25.0), 90000);
-    EXPECT_EQ(pre_roll_time_to_pts(1030, 25.0), 93600); // 26 frames = 1040 ms
-    EXPECT_EQ(pre_roll_time_to_pts(0, 25.0), 0);
-    EXPECT_EQ(pre_roll_time_to_pts(1000, 30000.0 / 1001), 90090); // 30 frames = 1001 ms
 }
 
 TEST(ScteConvert, SpliceRequestBackToSpliceInsert)

@@ -11,38 +11,6 @@ using QVSDK::QVRational;
 
 namespace {
 
-struct ReduceCase {
-    int64_t n, d, max;
-    int num, den;
-    bool exact;
-};
-
-class ReduceTest : public testing::TestWithParam<ReduceCase> {};
-
-TEST_P(ReduceTest, GivesExpectedTermsAndExactness)
-{
-    const ReduceCase& c = GetParam();
-    int num = 99, den = 99;
-    EXPECT_EQ(QVRational::reduce(&num, &den, c.n, c.d, c.max), c.exact);
-    EXPECT_EQ(num, c.num);
-    EXPECT_EQ(den, c.den);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, ReduceTest,
-    testing::Values(ReduceCase{0, 5, 0x100000, 0, 1, true}, ReduceCase{5, 0, 0x100000, 1, 0, true},
-                    ReduceCase{-6, 4, 0x100000, -3, 2, true}, ReduceCase{6, -4, 0x100000, -3, 2, true},
-                    ReduceCase{-6, -4, 0x100000, 3, 2, true}, ReduceCase{1001, 30000, 0x100000, 1001, 30000, true},
-                    ReduceCase{30000, 1001, 0x100000, 30000, 1001, true},
-                    ReduceCase{720 * 4, 576 * 3, 0x100000, 5, 3, true},
-                    // Terms beyond the bound: best approximation, not exact.
-                    ReduceCase{314159265, 100000000, 1000, 355, 113, false},
-                    ReduceCase{2000001, 1000000, 1000, 2, 1, false},
-                    // Value above the bound itself clamps to max/1.
-                    ReduceCase{5000, 1, 1000, 1000, 1, false}, ReduceCase{1, 5000, 1000, 0, 1, false},
-                    ReduceCase{std::numeric_limits<int64_t>::min(), 1, 0x100000, -0x100000, 1, false},
-                    ReduceCase{0, 0, 0x100000, 0, 0, true}));
-
 // Independent oracle: the closest fraction p/q with p, q <= max found by
 // scanning every denominator. The reduction must be at least as close.
 TEST(ReduceTest, IsABestApproximationAgainstExhaustiveSearch)

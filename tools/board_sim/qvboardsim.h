@@ -115,6 +115,11 @@ public:
     void clear_captured(const std::string& path);
     uint64_t frames_sent(const std::string& path);
     uint64_t underruns(const std::string& path);
+    // Buffers of the video (or multi-plane) node waiting for their slot.
+    size_t queued(const std::string& path);
+    // How long before its slot each buffer sent since the last call was
+    // queued (ns, in sending order), and forgets them.
+    std::vector<int64_t> take_margins(const std::string& path);
 
 private:
     Simulator() = default;

@@ -187,4 +187,25 @@ uint64_t Simulator::underruns(const std::string& path)
     return n;
 }
 
+size_t Simulator::queued(const std::string& path)
+{
+    size_t n = 0;
+    with_board(path, [&](Board& b) {
+        Node* v = b.node_of(b.cfg.kind == NodeKind::multi_plane ? Node::mplane : Node::video);
+        n = v ? v->q.queued.size() : 0;
+    });
+    return n;
+}
+
+std::vector<int64_t> Simulator::take_margins(const std::string& path)
+{
+    std::vector<int64_t> v;
+    with_board(path, [&](Board& b) {
+        Node* n = b.node_of(b.cfg.kind == NodeKind::multi_plane ? Node::mplane : Node::video);
+        if (n)
+            v.swap(n->q.margins);
+    });
+    return v;
+}
+
 } // namespace qvboardsim

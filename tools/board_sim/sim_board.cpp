@@ -80,6 +80,8 @@ int send_head(Board& b, Node& n, uint64_t k, int64_t slot_ns, uint32_t hw)
         sb.info.flags |= V4L2_BUF_FLAG_ERROR;
     if (n.kind == Node::mplane)
         write_status(n, sb, sb.info.sequence, slot_ns, hw);
+    if (q.margins.size() < Queue::kMaxMargins)
+        q.margins.push_back(slot_ns - sb.queued_at);
     sb.state = SimBuffer::done;
     q.done.push_back(idx);
     ++q.sent;

@@ -141,6 +141,10 @@ struct Queue {
     uint64_t first_slot = 0;
     uint64_t first_parity = 0; // field buffers: 1 when the first one sent was a bottom field
     uint64_t sent = 0, underruns = 0;
+    // Slot time minus QBUF time of every buffer sent (ns), for the client's
+    // margin read-out; recording stops at kMaxMargins until it is taken.
+    std::vector<int64_t> margins;
+    static constexpr size_t kMaxMargins = size_t(1) << 21;
 };
 
 struct Node {

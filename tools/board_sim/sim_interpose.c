@@ -391,7 +391,6 @@ int dup3(int fd, int nfd, int flags)
 
 /* Clients check that a node is a character device before opening it
  * (stat), and some look at the descriptor afterwards (fstat). */
-typedef int (*stat_fn)(const char*, struct stat*);
 typedef int (*fstat_fn)(int, struct stat*);
 typedef int (*fstatat_fn)(int, const char*, struct stat*, int);
 
@@ -405,41 +404,13 @@ static void fake_stat(int minor, struct stat* st)
     st->st_blksize = 4096;
 }
 
-int stat(const char* path, struct stat* st)
-{
-    if (!g_armed)
-        return (int)syscall(SYS_newfstatat, AT_FDCWD, path, st, 0);
-    int minor = qvbs_path_minor(path);
-    if (minor >= 0) {
-        fake_stat(minor, st);
-        return 0;
-    }
-    if (minor == -2) {
-        errno = ENOENT;
-        return -1;
-    }
-    REAL(stat_fn, stat);
-    return real_stat(path, st);
-}
+/* stat and lstat are fstatat relative to the working directory: one place
+ * decides which paths are the simulator's. */
+int stat(const char* path, struct stat* st) { return fstatat(AT_FDCWD, path, st, 0); }
 
 int stat64(const char* path, struct stat64* st) { return stat(path, (struct stat*)st); }
 
-int lstat(const char* path, struct stat* st)
-{
-    if (!g_armed)
-        return (int)syscall(SYS_newfstatat, AT_FDCWD, path, st, AT_SYMLINK_NOFOLLOW);
-    int minor = qvbs_path_minor(path);
-    if (minor >= 0) {
-        fake_stat(minor, st);
-        return 0;
-    }
-    if (minor == -2) {
-        errno = ENOENT;
-        return -1;
-    }
-    REAL(stat_fn, lstat);
-    return real_lstat(path, st);
-}
+int lstat(const char* path, struct stat* st) { return fstatat(AT_FDCWD, path, st, AT_SYMLINK_NOFOLLOW); }
 
 int lstat64(const char* path, struct stat64* st) { return lstat(path, (struct stat*)st); }
 

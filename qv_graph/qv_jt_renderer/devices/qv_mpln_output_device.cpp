@@ -201,8 +201,9 @@ bool qv_mpln_output_device::mmap_buffers()
         const unsigned nplanes = std::min<unsigned>(entry.buff.length, qv_mpln_buffers::kPlanes);
         for (unsigned p = 0; p < nplanes; ++p) {
             v4l2_plane& plane = entry.planes[p];
-            void* m = plane.length != 0 ? mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED, m_hDevice,
-                                               plane.m.mem_offset)
+            // Populated now, so that the first frames do not pay a page fault per 4 KiB in the render thread.
+            void* m = plane.length != 0 ? mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE,
+                                               m_hDevice, plane.m.mem_offset)
                                         : MAP_FAILED;
             if (m == MAP_FAILED) {
                 // A plane that cannot be mapped is left out; the rest still work.
@@ -266,12 +267,15 @@ void qv_mpln_output_device::read_status(const qv_mpln_buffers& b)
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::nanoseconds(systime)));
 }
 
-// One dequeue with its bookkeeping. index receives the buffer to hold, or -1
-// when the driver returned it flagged as errored (skipped, counted).
+// One dequeue with its bookkeeping. index receives the buffer to hold. A
+// buffer the driver flags as errored lost its slot on air (counted), but is
+// held again like any other: every buffer must stay in circulation.
 bool qv_mpln_output_device::dequeue(uint32_t field, int& index)
 {
     const bool interlaced = is_interlaced();
     index = -1;
+    if (wait_for_buffer(m_hDevice) <= 0)
+        return false;
     v4l2_plane planes[qv_mpln_buffers::kPlanes]{};
     v4l2_buffer b{};
     b.type = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
@@ -280,19 +284,24 @@ bool qv_mpln_output_device::dequeue(uint32_t field, int& index)
     b.m.planes = planes;
     b.field = field;
     if (xioctl(m_hDevice, VIDIOC_DQBUF, &b) == -1) {
+        const int err = errno;
         if (interlaced)
-            g_print("qv_jt_renderer: mp_video device VIDIOC_DQBUF error=%d, field=%d\n", errno,
+            g_print("qv_jt_renderer: mp_video device VIDIOC_DQBUF error=%d, field=%d\n", err,
                     static_cast<int>(m_nNextFrame));
         else
             g_print("qv_jt_renderer: video device VIDIOC_DQBUF error\n");
+        note_failure(err);
         return false;
     }
     if (b.index >= m_vBuffers.size()) {
         g_print("qv_jt_renderer: video device VIDIOC_DQBUF error\n");
+        note_failure(EINVAL);
         return false;
     }
+    note_success();
     qv_mpln_buffers& entry = m_vBuffers[b.index];
     entry.assign_from_driver(b, planes);
+    index = static_cast<int>(b.index);
 
     if (b.flags & V4L2_BUF_FLAG_ERROR) {
         // No line end: the driver's own report of the failure follows on the console.
@@ -330,12 +339,24 @@ bool qv_mpln_output_device::dequeue(uint32_t field, int& index)
     // This buffer is consumed either way: afterwards m_nNextFrame counts it too.
     ++m_nNextFrame;
     read_status(entry);
-    index = static_cast<int>(b.index);
     return true;
+}
+
+void qv_mpln_output_device::hold_field_buffer(int index)
+{
+    // The place follows the field the driver returned; when that place is
+    // already held (the driver answered with the other field than asked), the
+    // buffer takes the free place: send_data tells the board its field anyway,
+    // and a buffer dropped here would never come back.
+    int place = m_vBuffers[index].buff.field == V4L2_FIELD_BOTTOM ? 1 : 0;
+    if (m_nFieldBufIndex[place] >= 0)
+        place ^= 1;
+    m_nFieldBufIndex[place] = index;
 }
 
 bool qv_mpln_output_device::can_render(uint32_t& seq)
 {
+    m_bTimedOut = false;
     if (m_hDevice == -1 || m_vBuffers.empty())
         return false;
     const uint64_t n = m_vBuffers.size();
@@ -357,8 +378,7 @@ bool qv_mpln_output_device::can_render(uint32_t& seq)
     }
     while (m_nFieldBufIndex[0] < 0 || m_nFieldBufIndex[1] < 0) {
         if (m_nNextFrame < n) {
-            const int i = static_cast<int>(m_nNextFrame++);
-            m_nFieldBufIndex[m_vBuffers[i].buff.field == V4L2_FIELD_BOTTOM ? 1 : 0] = i;
+            hold_field_buffer(static_cast<int>(m_nNextFrame++));
             continue;
         }
         uint32_t field = V4L2_FIELD_ANY;
@@ -369,8 +389,7 @@ bool qv_mpln_output_device::can_render(uint32_t& seq)
         int index;
         if (!dequeue(field, index))
             return false;
-        if (index >= 0)
-            m_nFieldBufIndex[m_vBuffers[index].buff.field == V4L2_FIELD_BOTTOM ? 1 : 0] = index;
+        hold_field_buffer(index);
     }
     seq = static_cast<uint32_t>((m_nNextFrame - 2) / 2);
     m_seq_frame.store(seq);
@@ -391,7 +410,9 @@ bool qv_mpln_output_device::send_data()
             // The board takes the field from the buffer; the place says which one it is.
             b.buff.field = place == 0 ? V4L2_FIELD_TOP : V4L2_FIELD_BOTTOM;
             if (xioctl(m_hDevice, VIDIOC_QBUF, &b.buff) == -1) {
+                // The buffer stays held and goes out with the next frame.
                 const int err = errno;
+                note_failure(err);
                 if (place == 0)
                     g_print("qv_jt_renderer: mp_video device '%s' VIDIOC_QBUF 1/2 error=%d  buf[%d]\n",
                             m_strName.c_str(), err, i);
@@ -403,6 +424,7 @@ bool qv_mpln_output_device::send_data()
             // Queued: the driver owns it now, even if the other field fails.
             m_nFieldBufIndex[place] = -1;
         }
+        note_success();
         m_seq_frame.store(static_cast<uint32_t>(m_nNextFrame / 2));
     } else {
         if (m_nFieldBufIndex[0] < 0) {
@@ -412,9 +434,12 @@ bool qv_mpln_output_device::send_data()
         qv_mpln_buffers& b = m_vBuffers[m_nFieldBufIndex[0]];
         b.buff.m.planes = b.planes;
         if (xioctl(m_hDevice, VIDIOC_QBUF, &b.buff) == -1) {
+            // The buffer stays held and goes out with the next frame.
+            note_failure(errno);
             g_print("qv_jt_renderer: mp_video device VIDIOC_QBUF #3 error\n");
             return false;
         }
+        note_success();
         m_seq_frame.store(static_cast<uint32_t>(m_nNextFrame));
         m_nFieldBufIndex[0] = -1;
     }
@@ -466,7 +491,7 @@ bool qv_mpln_output_device::start_renderer()
         }
     }
     const auto end = std::chrono::steady_clock::now();
-    // Start minus end, as the diagnostics have always printed it.
+    // Start minus end, so the figure wraps; log watchers match this line as it is, so the order stays.
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(start - end).count();
     g_print("qv_jt_renderer: v4l2 multi-plane start: %zu [ms]\n", static_cast<size_t>(ms));
     return true;
@@ -474,14 +499,17 @@ bool qv_mpln_output_device::start_renderer()
 
 bool qv_mpln_output_device::stop_renderer()
 {
+    bool bOk = true;
     if (m_hDevice != -1) {
         int type = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
         if (xioctl(m_hDevice, VIDIOC_STREAMOFF, &type) == -1) {
             g_print("qvjtrenderer: Can't stream off, device = %s\n", m_strName.c_str());
-            return false;
+            bOk = false;
         }
     }
+    // Also after a failed stop: the node is about to be closed and the next
+    // start primes again.
     m_nFieldBufIndex[0] = m_nFieldBufIndex[1] = -1;
     m_nNextFrame = 0;
-    return true;
+    return bOk;
 }

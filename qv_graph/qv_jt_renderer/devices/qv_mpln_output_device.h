@@ -64,6 +64,8 @@ protected:
 private:
     bool is_interlaced() const { return m_eFieldOrder != QVSDK::FieldOrder_Progressive; }
     bool dequeue(uint32_t field, int& index);
+    // Puts a dequeued or never-queued buffer into a free field place.
+    void hold_field_buffer(int index);
     void read_status(const qv_mpln_buffers& b);
     // Writes frames input frames starting at frame first into plane 1 of b.
     void fill_audio(qv_mpln_buffers& b, const QVSDK::QVSound& sound, size_t first, size_t frames);

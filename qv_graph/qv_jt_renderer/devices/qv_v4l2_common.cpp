@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -167,6 +168,9 @@ bool qv_v4l2_base_output_device::init(int& fd, const std::string& name, bool bUs
     m_nTimeStamp.exchange(0);
     m_nLastTimeStamp.exchange(0);
     m_seq_frame.exchange(0);
+    m_bNeedsRestart = false;
+    m_bTimedOut = false;
+    m_nFailuresInRow = 0;
     return true;
 }
 
@@ -199,8 +203,11 @@ bool qv_v4l2_base_output_device::set_v4l2_video_format(unsigned buffer_type)
         if (bt.flags & V4L2_DV_FL_REDUCED_FPS)
             fps = static_cast<float>(static_cast<double>(fps) / 1.001);
 
+        // The scan counts as much as the size: 1080p25 and 1080i25 share both
+        // size and frame rate.
+        const bool bProgressive = bt.interlaced == 0;
         if (static_cast<int32_t>(bt.width) == row.width && static_cast<int32_t>(bt.height) == row.height &&
-            fps == row.fps) {
+            bProgressive == row.isProgressive && fps == row.fps) {
             v4l2_dv_timings timings = en.timings;
             if (xioctl(m_hDevice, VIDIOC_S_DV_TIMINGS, &timings) == -1)
                 g_print("qbjtrenderer: Can't set dv timing %dx%d, %.2ffps, device = %s\n", bt.width, bt.height,
@@ -305,14 +312,69 @@ void qv_v4l2_base_output_device::deinit_watchdog()
     set_control(V4L2_CID_JUTVANE_STOP_STATE, m_bUseWatchdog ? 1 : 0);
 }
 
+bool qv_v4l2_base_output_device::check_watchdog()
+{
+    if (m_hDevice == -1 || !m_bUseWatchdog || !m_bStreaming)
+        return false;
+    v4l2_control ctrl{};
+    ctrl.id = V4L2_CID_JUTVANE_WATCHDOG_ENABLE;
+    if (xioctl(m_hDevice, VIDIOC_G_CTRL, &ctrl) == -1 || ctrl.value != 0)
+        return false;
+    // The board drops the enable when the watchdog fires and never sets it again.
+    g_print("qvjtrenderer: output watchdog expired, re-armed, device = %s\n", m_strName.c_str());
+    init_watchdog();
+    return true;
+}
+
+int qv_v4l2_base_output_device::wait_for_buffer(int fd)
+{
+    m_bTimedOut = false;
+    pollfd p{};
+    p.fd = fd;
+    p.events = POLLOUT;
+    int r;
+    do {
+        r = poll(&p, 1, kBufferWaitMs);
+    } while (r == -1 && errno == EINTR);
+    if (r == 0) {
+        m_bTimedOut = true;
+        return 0;
+    }
+    if (r == -1 || (p.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+        // Hang-up or a stale descriptor: the node is gone; an error alone may pass.
+        const int err = r == -1 ? errno : (p.revents & (POLLHUP | POLLNVAL)) != 0 ? ENODEV : EIO;
+        note_failure(err);
+        return -1;
+    }
+    return 1;
+}
+
+void qv_v4l2_base_output_device::note_success()
+{
+    m_nFailuresInRow = 0;
+}
+
+void qv_v4l2_base_output_device::note_failure(int err)
+{
+    ++m_nFailuresInRow;
+    const bool bGone = err == ENODEV || err == ENXIO || err == EBADF;
+    if (m_bNeedsRestart || (!bGone && m_nFailuresInRow < kMaxFailuresInRow))
+        return;
+    m_bNeedsRestart = true;
+    g_print("qv_jt_renderer: video device '%s' cannot go on (%s), it must be reopened\n", m_strName.c_str(),
+            bGone ? "node gone" : "buffer calls keep failing");
+}
+
 bool qv_v4l2_base_output_device::start_device()
 {
     init_watchdog();
-    return start_renderer();
+    m_bStreaming = start_renderer();
+    return m_bStreaming;
 }
 
 void qv_v4l2_base_output_device::stop_device()
 {
+    m_bStreaming = false;
     stop_renderer();
     deinit_watchdog();
     m_seq_frame.exchange(0);

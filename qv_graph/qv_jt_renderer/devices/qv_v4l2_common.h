@@ -97,6 +97,22 @@ public:
     QVSDK::QVEnumFormats get_video_format() const { return m_videoFormat; }
     uint32_t get_seq_frame() const { return m_seq_frame.load(); }
 
+    // True once the device met a fault it cannot work past by itself (the node
+    // vanished, or the driver kept refusing buffers): the owner closes and
+    // reopens it. Cleared when the device is opened again.
+    bool needs_restart() const { return m_bNeedsRestart; }
+    // True when the last frame request gave up only because the board handed
+    // back no buffer within one bounded wait: nothing is wrong, ask again.
+    bool timed_out() const { return m_bTimedOut; }
+    // While playing: re-arms the board's output watchdog if it has expired
+    // (a stall longer than its time-out disarms it). True when it re-armed it.
+    bool check_watchdog();
+
+    // Longest single wait for the board to hand a buffer back.
+    static constexpr int kBufferWaitMs = 100;
+    // Failed buffer calls in a row after which the device gives up.
+    static constexpr unsigned kMaxFailuresInRow = 8;
+
     // 0 when no device is open; otherwise the control as read (-1 if the read failed).
     int get_genlock_state() const;
     int get_genlock_source() const;
@@ -114,6 +130,14 @@ protected:
     void init_watchdog();
     void notify_watchdog(int timeout_ms);
     void deinit_watchdog();
+
+    // Waits, at most kBufferWaitMs, until a DQBUF on fd would not block. 1:
+    // ready; 0: timed out (m_bTimedOut set); -1: the node failed.
+    int wait_for_buffer(int fd);
+    // Bookkeeping of buffer calls: a success clears the failure run; a failure
+    // with errno err counts, and a vanished node or a long run ends the device.
+    void note_success();
+    void note_failure(int err);
 
     virtual bool start_renderer() = 0;
     virtual bool stop_renderer() = 0;
@@ -134,4 +158,9 @@ protected:
     int32_t m_genlock_state = 0;
     int32_t m_genlock_source = 0;
     bool m_bUseWatchdog = false;
+    // Render thread only.
+    bool m_bStreaming = false;
+    bool m_bNeedsRestart = false;
+    bool m_bTimedOut = false;
+    unsigned m_nFailuresInRow = 0;
 };

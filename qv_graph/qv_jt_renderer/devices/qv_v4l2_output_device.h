@@ -32,6 +32,7 @@ public:
     void close_device();
 
     bool is_vbi_open() const { return m_hVbi != -1; }
+    uint32_t get_buffer_count() const { return static_cast<uint32_t>(m_vVideoBuf.size()); }
     const std::string& get_vbi_name() const { return m_strVbiName; }
     const v4l2_pix_format& get_pix_format() const { return m_fmtVideo; }
     const v4l2_vbi_format& get_vbi_format() const { return m_fmtVbi; }
@@ -49,16 +50,17 @@ protected:
     bool stop_renderer() override;
 
 private:
-    // Lends a never-queued buffer while priming, else dequeues one.
-    bool get_buffer(int fd, std::vector<qv_v4l2_buffers>& buffers, v4l2_buffer& cur);
-
     int m_hVbi = -1;
     uint32_t m_nBuffers = 0;
     std::vector<qv_v4l2_buffers> m_vVideoBuf;
     v4l2_pix_format m_fmtVideo{};
     v4l2_buffer m_cur_buffer{};
     uint64_t m_curr_buff_index = 0; // frames handed back since streaming started
+    bool m_bKeepVideo = false;      // m_cur_buffer was refused by QBUF and is still ours
     v4l2_buffer m_vbi_cur_buffer{};
+    uint64_t m_nVbiQueued = 0; // VBI buffers handed to the driver since streaming started
+    bool m_bKeepVbi = false;   // m_vbi_cur_buffer was refused by QBUF and is still ours
+    bool m_bVbiHeld = false;   // m_vbi_cur_buffer is lent out
     std::vector<qv_v4l2_buffers> m_vVbiBuf;
     v4l2_vbi_format m_fmtVbi{};
     std::string m_strVbiName;

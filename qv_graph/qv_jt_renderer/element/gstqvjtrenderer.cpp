@@ -130,6 +130,21 @@ void install_properties(GObjectClass* gobject_class)
         g_param_spec_boolean("watchdog", "Using the watchdog", "Using the watchdog", TRUE, rw));
     g_object_class_install_property(gobject_class, PROP_COLOR_RANGE,
                                     g_param_spec_boolean("color_range", "color range", "Color range", TRUE, rw));
+    g_object_class_install_property(
+        gobject_class, PROP_LINE_MAP,
+        g_param_spec_string("line-map", "Ancillary line map",
+                            "VBI/VANC lines of teletext and SCTE-104, e.g. \"teletext=7-20,320-333;scte104=22\"; "
+                            "fills the same table as vbi_lines",
+                            "", static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
+    g_object_class_install_property(
+        gobject_class, PROP_STATS,
+        g_param_spec_boxed("stats", "Statistics", "Snapshot of the play-out statistics", GST_TYPE_STRUCTURE,
+                           static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+    g_object_class_install_property(
+        gobject_class, PROP_STATS_INTERVAL,
+        g_param_spec_uint("stats-interval", "Statistics interval",
+                          "[ms] Period of the qvjtrenderer-stats element message while playing; 0: none", 0,
+                          3600000, 0, static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
 }
 
 void gst_qvjtrenderer_class_init(gpointer klass, gpointer)
@@ -147,6 +162,8 @@ void gst_qvjtrenderer_init(GTypeInstance* instance, gpointer)
 {
     Gstqvjtrenderer* self = reinterpret_cast<Gstqvjtrenderer*>(instance);
     self->pRenderer = nullptr;
+    // A sink: bins wait for its end-of-stream before they post their own.
+    GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_SINK);
     // If construction throws, operator new frees the memory and the exception propagates.
     self->pRenderer = new qv_renderer(self, parent_class);
 }

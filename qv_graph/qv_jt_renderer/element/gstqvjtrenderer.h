@@ -47,4 +47,9 @@ enum {
     PROP_HW_BUFFERS = 15,
     PROP_USE_HWTIME = 16,
     PROP_COLOR_RANGE = 17,
+    // For applications and gst-launch: the line map as text, the statistics
+    // as a structure and their period on the bus.
+    PROP_LINE_MAP = 18,
+    PROP_STATS = 19,
+    PROP_STATS_INTERVAL = 20,
 };

@@ -38,38 +38,34 @@ gboolean gst_pad_audio_query(GstPad* pad, GstObject* parent, GstQuery* query)
 
 GstFlowReturn gst_pad_audio_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
 {
-    if (!buffer)
-        return GST_FLOW_ERROR;
-    qv_buffer_ptr pBuf = qv_take_buffer(buffer);
-    qv_renderer* pRenderer = qv_renderer_of(parent);
-    if (!pRenderer)
-        return GST_FLOW_ERROR;
-
-    std::unique_ptr<GstCaps, void (*)(GstCaps*)> pCaps(gst_pad_get_current_caps(pad), gst_caps_unref);
-    if (!pCaps)
-        return GST_FLOW_ERROR;
-    // Empty caps end the chain with the caps test's own (non-error) value.
-    if (gst_caps_is_empty(pCaps.get()))
-        return static_cast<GstFlowReturn>(1);
-    const GstStructure* s = gst_caps_get_structure(pCaps.get(), 0);
-    const gchar* pFormat = gst_structure_get_string(s, "format");
-    if (!pFormat)
-        return GST_FLOW_ERROR;
+    const gchar* pFormat = nullptr;
     int rate = 0, channels = 0;
-    if (!gst_structure_get_int(s, "rate", &rate) || !gst_structure_get_int(s, "channels", &channels))
-        return GST_FLOW_ERROR;
+    std::unique_ptr<GstCaps, void (*)(GstCaps*)> pCaps(nullptr, gst_caps_unref);
+    const auto check = [&] {
+        pCaps.reset(gst_pad_get_current_caps(pad));
+        if (!pCaps)
+            return GST_FLOW_ERROR;
+        // Empty caps end the chain with the caps test's own (non-error) value.
+        if (gst_caps_is_empty(pCaps.get()))
+            return static_cast<GstFlowReturn>(1);
+        const GstStructure* s = gst_caps_get_structure(pCaps.get(), 0);
+        pFormat = gst_structure_get_string(s, "format");
+        if (!pFormat)
+            return GST_FLOW_ERROR;
+        if (!gst_structure_get_int(s, "rate", &rate) || !gst_structure_get_int(s, "channels", &channels))
+            return GST_FLOW_ERROR;
+        return GST_FLOW_OK;
+    };
+    return qv_chain(parent, buffer, nullptr, check, [&](qv_renderer& renderer, const qv_buffer_map& map) {
+        const QVSDK::QVSoundFormat format(0, static_cast<uint32_t>(rate), sample_bits(pFormat),
+                                          static_cast<uint16_t>(channels));
+        QVSDK::QVSound sound;
+        sound.init(map.data(), map.size(), format);
 
-    qv_buffer_map map(pBuf.get());
-    if (!map.ok())
-        return GST_FLOW_ERROR;
-    const QVSDK::QVSoundFormat format(0, static_cast<uint32_t>(rate), sample_bits(pFormat),
-                                      static_cast<uint16_t>(channels));
-    QVSDK::QVSound sound;
-    sound.init(map.data(), map.size(), format);
-
-    const GstClockTime pts = GST_BUFFER_PTS(buffer);
-    const GstClockTime duration = GST_BUFFER_DURATION(buffer);
-    const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
-    pRenderer->add_audio_frame(pad, pts, ptsEnd, GST_BUFFER_DTS(buffer), sound);
-    return GST_FLOW_OK;
+        const GstClockTime pts = GST_BUFFER_PTS(buffer);
+        const GstClockTime duration = GST_BUFFER_DURATION(buffer);
+        const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
+        renderer.add_audio_frame(pad, pts, ptsEnd, GST_BUFFER_DTS(buffer), sound);
+        return GST_FLOW_OK;
+    });
 }

@@ -46,6 +46,43 @@ private:
     bool m_bMapped = false;
 };
 
+// The prologue every chain function shares. A null buffer is an error; the
+// buffer is released on every path; without a renderer (no parent) it is an
+// error. `check` may end the chain before the buffer is mapped (reading caps):
+// anything but GST_FLOW_OK is returned as it is. The buffer is then mapped for
+// reading (failure: pMapMessage when given, and an error) and handed to `body`,
+// whose result the chain returns.
+template <typename Check, typename Body>
+GstFlowReturn qv_chain(GstObject* parent, GstBuffer* buffer, const char* pMapMessage, Check&& check, Body&& body)
+{
+    if (!buffer)
+        return GST_FLOW_ERROR;
+    const qv_buffer_ptr pBuf = qv_take_buffer(buffer);
+    qv_renderer* pRenderer = qv_renderer_of(parent);
+    if (!pRenderer)
+        return GST_FLOW_ERROR;
+    const GstFlowReturn checked = check();
+    if (checked != GST_FLOW_OK)
+        return checked;
+    const qv_buffer_map map(buffer);
+    if (!map.ok()) {
+        if (pMapMessage)
+            g_print("%s", pMapMessage);
+        return GST_FLOW_ERROR;
+    }
+    return body(*pRenderer, map);
+}
+
+inline GstFlowReturn qv_no_check()
+{
+    return GST_FLOW_OK;
+}
+
+// Consumes a splice section event that a demuxer sends down every pad it
+// feeds (its GstMpegtsSection carries the section); true when `event` was one
+// and has been taken. The element queues each such event once.
+bool qv_take_scte35_event(qv_renderer* pRenderer, GstEvent* event);
+
 // PTS + duration, the duration of a buffer without one counting as 0.
 inline GstClockTime qv_buffer_end(GstBuffer* buffer)
 {

@@ -4,10 +4,12 @@
 
 #include <gst/gst.h>
 
+// The planar and packed YUV formats after xRGB are those the conversion engine
+// reads besides the first list, so that a decoder links without a converter.
 #define QV_CAPS_VIDEO                                                                                          \
     "video/x-raw, format = { (string)BGR, (string)RGB, (string)YVYU, (string)UYVY, (string)NV12, "             \
-    "(string)BGRA, (string)BGRx, (string)ARGB, (string)xRGB },width = (int)[ 1, 32768 ], height = (int) [ 1, " \
-    "32768 ], framerate = [ 0/1, 2147483647/1 ]"
+    "(string)BGRA, (string)BGRx, (string)ARGB, (string)xRGB, (string)I420, (string)YV12, (string)YUY2 },"      \
+    "width = (int)[ 1, 32768 ], height = (int) [ 1, 32768 ], framerate = [ 0/1, 2147483647/1 ]"
 #define QV_CAPS_AUDIO                                                                                          \
     "audio/x-raw, format= (string) { S32LE, S16LE, S8 }, rate = (int) 48000, channels = (int) [ 1, 2 ],layout " \
     "= (string) interleaved"

@@ -100,6 +100,41 @@ void build_image(QVSDK::QVImage& image, guint8* data, const QVSDK::QVSize& size,
     }
 }
 
+// Bytes the plane layout of build_image reaches into, so that a buffer
+// shorter than its caps is never read past its end.
+size_t bytes_needed(const video_caps& vc)
+{
+    const auto w = static_cast<size_t>(vc.width > 0 ? vc.width : 0);
+    const auto h = static_cast<size_t>(vc.height > 0 ? vc.height : 0);
+    switch (vc.format) {
+    case QVSDK::FORMAT_IYUV:
+    case QVSDK::FORMAT_YV12:
+        return w * h + w * h / 4 + (w / 2) * (h / 2);
+    case QVSDK::FORMAT_NV12:
+        return w * h + w * (h / 2);
+    default:
+        return 2 * w * h;
+    }
+}
+
+// The picture's running time in its segment; its PTS when there is no time
+// segment (or the PTS lies outside it).
+uint64_t running_time(GstPad* pad, GstClockTime pts)
+{
+    if (pts == GST_CLOCK_TIME_NONE)
+        return GST_CLOCK_TIME_NONE;
+    GstEvent* pEvent = gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0);
+    if (!pEvent)
+        return pts;
+    const GstSegment* pSegment = nullptr;
+    gst_event_parse_segment(pEvent, &pSegment);
+    GstClockTime rt = GST_CLOCK_TIME_NONE;
+    if (pSegment && pSegment->format == GST_FORMAT_TIME)
+        rt = gst_segment_to_running_time(pSegment, GST_FORMAT_TIME, pts);
+    gst_event_unref(pEvent);
+    return rt == GST_CLOCK_TIME_NONE ? pts : rt;
+}
+
 } // namespace
 
 gboolean gst_pad_video_sink_event(GstPad* pad, GstObject* parent, GstEvent* event)
@@ -114,41 +149,43 @@ gboolean gst_pad_video_sink_event(GstPad* pad, GstObject* parent, GstEvent* even
         gst_event_parse_caps(event, &pCaps);
         pRenderer->set_video_cap(pCaps);
     }
+    if (qv_take_scte35_event(pRenderer, event))
+        return TRUE;
+    pRenderer->pad_event(pad, event);
     return gst_pad_event_default(pad, parent, event);
 }
 
 GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
 {
-    if (!buffer)
-        return GST_FLOW_ERROR;
-    qv_buffer_ptr pBuf = qv_take_buffer(buffer);
-    qv_renderer* pRenderer = qv_renderer_of(parent);
-    if (!pRenderer)
-        return GST_FLOW_ERROR;
-
     video_caps vc;
-    if (!read_caps(pad, vc))
-        return GST_FLOW_ERROR;
-    qv_buffer_map map(pBuf.get());
-    if (!map.ok()) {
-        fail("if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, GST_MAP_READ))");
-        return GST_FLOW_ERROR;
-    }
+    return qv_chain(
+        parent, buffer, "qv_jt_renderer: if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, GST_MAP_READ))\n",
+        [&] { return read_caps(pad, vc) ? GST_FLOW_OK : GST_FLOW_ERROR; },
+        [&](qv_renderer& renderer, const qv_buffer_map& map) {
+            const size_t need = bytes_needed(vc);
+            if (map.size() < need) {
+                // The conversion would read past the buffer: refuse it, and
+                // keep the stream going on the pictures already queued.
+                g_print("qv_jt_renderer: video buffer of %zu bytes is smaller than the %zu bytes of a %dx%d "
+                        "picture in its caps: dropped\n",
+                        static_cast<size_t>(map.size()), need, vc.width, vc.height);
+                return GST_FLOW_OK;
+            }
+            QVSDK::QVAspectRatio par(1, 1);
+            if (vc.par_n != 0 && vc.par_d != 0)
+                QVSDK::QVRational::reduce(&par.num, &par.den, vc.par_n, vc.par_d, QVSDK::QV_RATIONAL_MAX);
+            const QVSDK::QVSize size(vc.width, vc.height, par);
+            QVSDK::QVImage image;
+            build_image(image, map.data(), size, vc.format);
 
-    QVSDK::QVAspectRatio par(1, 1);
-    if (vc.par_n != 0 && vc.par_d != 0)
-        QVSDK::QVRational::reduce(&par.num, &par.den, vc.par_n, vc.par_d, QVSDK::QV_RATIONAL_MAX);
-    const QVSDK::QVSize size(vc.width, vc.height, par);
-    QVSDK::QVImage image;
-    build_image(image, map.data(), size, vc.format);
-
-    const GstClockTime pts = GST_BUFFER_PTS(buffer);
-    const GstClockTime duration = GST_BUFFER_DURATION(buffer);
-    const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
-    const GstClockTime dts = GST_BUFFER_DTS(buffer);
-    const uint64_t hwTime = GST_BUFFER_FLAG_IS_SET(buffer, QV_BUFFER_FLAG_HWTIME) ? dts : 0;
-    pRenderer->add_video_frame(pts, ptsEnd, dts, image, hwTime);
-    return GST_FLOW_OK;
+            const GstClockTime pts = GST_BUFFER_PTS(buffer);
+            const GstClockTime duration = GST_BUFFER_DURATION(buffer);
+            const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
+            const GstClockTime dts = GST_BUFFER_DTS(buffer);
+            const uint64_t hwTime = GST_BUFFER_FLAG_IS_SET(buffer, QV_BUFFER_FLAG_HWTIME) ? dts : 0;
+            renderer.add_video_frame(pts, ptsEnd, dts, image, hwTime, running_time(pad, pts));
+            return GST_FLOW_OK;
+        });
 }
 
 GstPadLinkReturn gst_pad_video_link(GstPad*, GstObject*, GstPad*)

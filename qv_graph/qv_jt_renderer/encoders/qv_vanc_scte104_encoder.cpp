@@ -2,6 +2,8 @@
 
 #include "qv_vbi_convert.h"
 
+#include <glib.h>
+
 #include <algorithm>
 
 namespace {
@@ -14,6 +16,7 @@ constexpr uint8_t kDescContinued = 0x02; // not the message's first packet
 void qv_vanc_scte104_encoder::init(bool isSD, size_t lineCount, size_t width)
 {
     m_vLine.clear();
+    m_vReported.clear();
     m_isSD = isSD;
     m_nLineCount = lineCount;
     m_vbiDX = width;
@@ -84,6 +87,16 @@ std::vector<qv_vanc_scte104_encoder::packet> qv_vanc_scte104_encoder::encoder(co
         R = nextR;
     }
     return result;
+}
+
+void qv_vanc_scte104_encoder::report_line_outside(uint32_t nLine, size_t nLines)
+{
+    if (std::find(m_vReported.begin(), m_vReported.end(), nLine) != m_vReported.end())
+        return;
+    m_vReported.push_back(nLine);
+    g_print("qv_jt_renderer: SCTE-104 line %u is outside the %zu VBI/VANC lines of the output; "
+            "its packets are not written\n",
+            nLine, nLines);
 }
 
 bool qv_vanc_scte104_encoder::convert(const uint8_t* pLine, size_t, uint16_t* pDst, size_t nDstSize) const

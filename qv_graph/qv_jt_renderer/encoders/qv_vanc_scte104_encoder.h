@@ -40,8 +40,13 @@ public:
         return convert(p.first, p.second, pDst, nDstSize);
     }
 
+    // Prints, once per line until the next init, that a configured line lies
+    // outside the nLines lines of the output's first-field VBI/VANC area.
+    void report_line_outside(uint32_t nLine, size_t nLines);
+
     bool m_isSD = true;
     size_t m_nLineCount = 0;
     size_t m_vbiDX = 0;
     std::vector<std::unique_ptr<uint8_t[]>> m_vLine;
+    std::vector<uint32_t> m_vReported; // lines already reported outside the area
 };

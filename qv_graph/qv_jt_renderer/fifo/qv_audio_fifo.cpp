@@ -30,7 +30,8 @@ bool qv_audio_fifo::alloc(size_t frames)
     const size_t B = m_sound_format.m_block_align;
     if (B == 0 || !m_sound_format.isValid())
         return false;
-    // Single precision here, as the ring size has always been computed.
+    // Single precision on purpose, like the frame rate it divides by: the ring
+    // and jitter sizes must come out the same byte count on every build.
     const auto bytes = static_cast<size_t>(static_cast<float>(frames * A) / m_fps);
     const size_t capacity = B * (bytes / B + 1); // one spare block
     const auto jitter = static_cast<unsigned>(static_cast<size_t>(static_cast<float>(A) / m_fps) / 2);

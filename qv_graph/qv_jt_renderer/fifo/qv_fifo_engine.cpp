@@ -2,7 +2,9 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <cstring>
 
 #include "scte104.h"
@@ -68,6 +70,8 @@ int qv_fifo_engine::create_video_stream(float fps, QVSDK::QVEnumFormats format, 
                                         QVSDK::QVFieldOrder order)
 {
     m_video_fifo.init(fps, format, size, order);
+    m_nPictureRunningTime = QV_TIME_NONE;
+    m_bPictureHasDts = false;
     return 1;
 }
 
@@ -78,6 +82,7 @@ int qv_fifo_engine::create_teletext_stream(float fps)
 
 int qv_fifo_engine::create_scte104_stream(float fps)
 {
+    m_scte104_fifo.m_bExactFrames = true;
     return m_scte104_fifo.init(fps) ? 1 : 0;
 }
 
@@ -101,6 +106,7 @@ int qv_fifo_engine::create_sound_stream(unsigned lines, const QVSDK::QVSoundForm
 
 int qv_fifo_engine::alloc_fifo(size_t frames)
 {
+    m_nDepth = frames;
     m_video_fifo.alloc(frames);
     for (qv_audio_fifo& line : m_audio_fifo)
         line.alloc(frames);
@@ -119,6 +125,8 @@ void qv_fifo_engine::dealloc_fifo()
     m_scte104_fifo.clear();
     m_vbi_fifo.clear();
     m_out_frame_index = 0;
+    m_nDepth = 0;
+    std::fill(std::begin(m_nLastTaken), std::end(m_nLastTaken), -1);
     m_pll.clear();
     m_bFirstCall = true;
     set_state(fifo_ok, std::string());
@@ -135,6 +143,7 @@ void qv_fifo_engine::reset()
     m_vbi_fifo.reset();
     m_out_frame_index = 0;
     m_was_start = false;
+    std::fill(std::begin(m_nLastTaken), std::end(m_nLastTaken), -1);
     m_pll.clear();
     m_bFirstCall = true;
     set_state(fifo_ok, std::string());
@@ -161,7 +170,7 @@ void qv_fifo_engine::add_target(const target_fn& target)
 }
 
 int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, uint64_t ptsSystemTime,
-                                    const QVImage& image, unsigned long hw_time)
+                                    const QVImage& image, unsigned long hw_time, uint64_t runningTime)
 {
     std::lock_guard<std::recursive_mutex> lock(m_csFifo);
     if (ptsStart == QV_TIME_NONE) {
@@ -174,6 +183,10 @@ int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_
         else
             update_time(ptsStart, ptsStop);
     }
+    if (!in_window(window_video, ptsStart))
+        return 1;
+    m_bPictureHasDts = ptsReal != QV_TIME_NONE;
+    m_nPictureRunningTime = runningTime;
     if (!m_video_fifo.add_image(ptsStart, ptsStop, ptsReal, image, hw_time)) {
         set_state(fifo_overflow, "video fifo overflow");
         return 0;
@@ -200,6 +213,8 @@ bool qv_fifo_engine::add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_
             update_time(ptsStart, ptsStop);
         }
     }
+    if (!in_window(window_audio, ptsStart))
+        return true;
     if (!m_audio_fifo[nIndex].add_audio_frame(ptsStart, ptsStop, frame)) {
         set_state(fifo_overflow, "audio fifo overflow");
         return false;
@@ -210,8 +225,12 @@ bool qv_fifo_engine::add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_
 int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size)
 {
     std::lock_guard<std::recursive_mutex> lock(m_csFifo);
-    if (ptsStart != 0 && ptsStart != QV_TIME_NONE && m_was_start)
-        update_time(ptsStart, ptsStop);
+    if (ptsStart != 0 && ptsStart != QV_TIME_NONE) {
+        if (m_was_start)
+            update_time(ptsStart, ptsStop);
+        if (!in_window(window_teletext, ptsStart))
+            return 1;
+    }
     return m_teletext_fifo.add_data(ptsStart, ptsStop, pData, size, nullptr) ? 1 : 0;
 }
 
@@ -221,8 +240,12 @@ int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* 
     if (pData == nullptr || size == 0)
         return 0;
     std::lock_guard<std::recursive_mutex> lock(m_csFifo);
-    if (ptsStart != 0 && ptsStart != QV_TIME_NONE && m_was_start)
-        update_time(ptsStart, ptsStop);
+    if (ptsStart != 0 && ptsStart != QV_TIME_NONE) {
+        if (m_was_start)
+            update_time(ptsStart, ptsStop);
+        if (!in_window(window_vbi, ptsStart))
+            return 1;
+    }
     return m_vbi_fifo.add_data(ptsStart, ptsStop, pData, size, pTimeCode) ? 1 : 0;
 }
 
@@ -238,7 +261,8 @@ int qv_fifo_engine::add_scte104_frame(uint8_t* pData, size_t size)
     if (pData == nullptr || size == 0)
         return 0;
     std::lock_guard<std::recursive_mutex> lock(m_csFifo);
-    if (m_video_fifo.m_nRealPTS == ~uint64_t(0))
+    long nowPts = 0;
+    if (!scte_now_pts(nowPts))
         return 1;
     // Stamped with the most recently queued picture's times, not its own.
     return m_scte104_fifo.add_data(m_video_fifo.m_nStartTime, m_video_fifo.m_nStopTime, pData, size, nullptr) ? 1 : 0;
@@ -261,15 +285,70 @@ int qv_fifo_engine::add_scte35_frame(uint8_t* pData, size_t size)
 // Parses one section and queues its SCTE-104 form (caller holds m_csFifo).
 // A section that does not parse, or converts to nothing, is dropped and
 // reported as accepted, so that the pad does not error out on bad splices.
-int qv_fifo_engine::queue_scte35_as_scte104(const uint8_t* pSection, size_t nLength)
+int qv_fifo_engine::add_scte35_section(const uint8_t* pSection, size_t size, uint64_t nSpliceRunningTime,
+                                       uint32_t nEventId)
+{
+    if (pSection == nullptr || size == 0)
+        return 0;
+    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    if (nEventId != 0 && nEventId == m_nLastScte35Event)
+        return 1;
+    m_nLastScte35Event = nEventId;
+    return queue_scte35_as_scte104(pSection, size, nSpliceRunningTime);
+}
+
+// The 90 kHz "now" that pre-rolls count from: the newest picture's DTS when
+// it had one; otherwise its running time, so that sources without DTS (most
+// decoders) still get their splices through.
+bool qv_fifo_engine::scte_now_pts(long& nowPts) const
+{
+    constexpr uint64_t kPtsMask = (uint64_t(1) << 33) - 1;
+    if (!m_bPictureHasDts && m_nPictureRunningTime != QV_TIME_NONE) {
+        const auto ticks = static_cast<uint64_t>(static_cast<unsigned __int128>(m_nPictureRunningTime) * 9 / 100000);
+        nowPts = static_cast<long>(ticks & kPtsMask);
+        return true;
+    }
+    if (m_video_fifo.m_nRealPTS == QV_TIME_NONE)
+        return false;
+    nowPts = static_cast<long>(m_video_fifo.m_nRealPTS);
+    return true;
+}
+
+namespace {
+
+// The splice time the converter counts the pre-roll to, 90 kHz.
+uint64_t section_splice_pts(const mpegcore::splice_info_section& section)
+{
+    if (const auto* insert = section.command<mpegcore::splice_insert_t>())
+        return insert->splice_time.pts_time;
+    if (const auto* signal = section.command<mpegcore::time_signal_t>())
+        return signal->pts_time;
+    return 0;
+}
+
+} // namespace
+
+int qv_fifo_engine::queue_scte35_as_scte104(const uint8_t* pSection, size_t nLength, uint64_t nSpliceRunningTime)
 {
     mpegcore::splice_info_section section(nullptr, 1024);
     if (nLength == 0 || !section.read(const_cast<uint8_t*>(pSection), nLength))
         return 1;
-    if (m_video_fifo.m_nRealPTS == ~uint64_t(0))
+    long nowPts = 0;
+    if (!scte_now_pts(nowPts))
         return 1;
-    const auto message = mpegcore::to_scte104(static_cast<long>(m_video_fifo.m_nRealPTS),
-                                              static_cast<double>(m_video_fifo.m_fps), section);
+    if (nSpliceRunningTime != QV_TIME_NONE && m_nPictureRunningTime != QV_TIME_NONE) {
+        // The splice is given in running time: put "now" that many whole
+        // milliseconds before the section's own splice time, so that the
+        // converter's pre-roll is the running-time distance. A splice already
+        // due goes out with no pre-roll.
+        constexpr int64_t kWrap = int64_t(1) << 33;
+        const int64_t ms = nSpliceRunningTime > m_nPictureRunningTime
+                               ? static_cast<int64_t>((nSpliceRunningTime - m_nPictureRunningTime) / 1000000)
+                               : 0;
+        const auto t = static_cast<int64_t>(section_splice_pts(section) & uint64_t(kWrap - 1));
+        nowPts = static_cast<long>((((t - ms * 90) % kWrap) + kWrap) % kWrap);
+    }
+    const auto message = mpegcore::to_scte104(nowPts, static_cast<double>(m_video_fifo.m_fps), section);
     if (!message || !message->write(m_scte104_data.get(), kScte104DataSize))
         return 1;
     const size_t n = message->messageSize;
@@ -341,6 +420,42 @@ void qv_fifo_engine::check_audio_fifo_fullness(unsigned latencyMs)
     std::lock_guard<std::recursive_mutex> lock(m_csFifo);
     for (qv_audio_fifo& line : m_audio_fifo)
         line.check_fifo_fullness(static_cast<int>(latencyMs));
+}
+
+bool qv_fifo_engine::in_window(e_window_stream stream, uint64_t ptsStart)
+{
+    if (m_nDepth == 0)
+        return true;
+    const long double fps = m_video_fifo.m_fps;
+    const long double frame = static_cast<long double>(ptsStart) * fps / 1e9L;
+    const long double out = static_cast<long double>(m_out_frame_index);
+    // The FIFOs hold m_nDepth frames: anything further from the output than
+    // that can never be played in its place, and queued in front of good
+    // data it would hold that data back until the FIFO overflows.
+    const long double depth = static_cast<long double>(m_nDepth);
+    auto near = [depth, frame](long double ref) { return frame <= ref + depth && frame + depth >= ref; };
+    // The first picture after a reset anchors the streams wherever it lies
+    // (its stream may start later than the others); after that a stamp must
+    // lie near the output, its own stream or the pictures.
+    const int64_t last = m_nLastTaken[stream];
+    const int64_t lastVideo = m_nLastTaken[window_video];
+    const bool anchor = stream == window_video && lastVideo < 0;
+    if (anchor || near(out) || (last >= 0 && near(static_cast<long double>(last))) ||
+        (lastVideo >= 0 && near(static_cast<long double>(lastVideo)))) {
+        m_bFarReported[stream] = false;
+        m_nLastTaken[stream] = static_cast<int64_t>(frame + 0.5L);
+        return true;
+    }
+    if (!m_bFarReported[stream]) {
+        static const char* const names[] = {"video", "audio", "teletext", "vbi"};
+        const uint64_t outPts = m_video_fifo.number_to_pts(static_cast<int64_t>(m_out_frame_index));
+        g_print("qvjtrenderer: %s stamp %s is outside the fifo window (output at %s, %zu frames deep): "
+                "dropped, and so are further such stamps\n",
+                names[stream], qv_renderer_statistics::format_time(ptsStart).c_str(),
+                qv_renderer_statistics::format_time(outPts).c_str(), m_nDepth);
+        m_bFarReported[stream] = true;
+    }
+    return false;
 }
 
 void qv_fifo_engine::update_time(uint64_t& ptsStart, uint64_t& ptsStop)

@@ -63,8 +63,10 @@ public:
 
     // Producers. Dropped input (no stamp, no line, no video yet) counts as success;
     // only lack of room fails, and it also sets fifo_overflow.
+    // runningTime: the picture's running time (ns), which stamps SCTE messages
+    // when the picture carries no DTS (ptsReal none).
     int add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, uint64_t ptsSystemTime,
-                        const QVSDK::QVImage& image, unsigned long hw_time);
+                        const QVSDK::QVImage& image, unsigned long hw_time, uint64_t runningTime = QV_TIME_NONE);
     bool add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsSystemTime,
                          const QVSDK::QVSound& frame);
     int add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size);
@@ -73,6 +75,11 @@ public:
     int add_subtitle_frame(uint64_t pts, uint8_t* pData, size_t size);
     int add_scte104_frame(uint8_t* pData, size_t size);
     int add_scte35_frame(uint8_t* pData, size_t size);
+    // A section without pointer field, as a demuxer hands it on in an event.
+    // nSpliceRunningTime (ns, or none) is the running time of the section's
+    // splice; with it the pre-roll counts from the running time of the newest
+    // picture. The same event reaches every pad: nEventId (non-zero) queues it once.
+    int add_scte35_section(const uint8_t* pSection, size_t size, uint64_t nSpliceRunningTime, uint32_t nEventId);
 
     // Consumers (render thread). Return the resulting qv_fifo_state.
     int map_next_data(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>& teletext,
@@ -109,11 +116,27 @@ public:
     bool m_bFirstCall = true;
     e_pll_stream m_ePLLStream = pll_video_stream;
     std::atomic<qv_fifo_state> m_state{fifo_ok};
+    size_t m_nDepth = 0;                          // frames, as allocated
+    uint64_t m_nPictureRunningTime = QV_TIME_NONE; // of the newest picture
+    bool m_bPictureHasDts = false;                // the newest picture carried a DTS
+    uint32_t m_nLastScte35Event = 0;
+    // Per stream: a far stamp was reported and no stamp in the window came
+    // since; the frame of the last stamp taken (-1: none since the reset).
+    bool m_bFarReported[4] = {};
+    int64_t m_nLastTaken[4] = {-1, -1, -1, -1};
 
     static constexpr size_t kScte104DataSize = 4096;
 
+    enum e_window_stream { window_video, window_audio, window_teletext, window_vbi };
+    // False (with one message per run of them) for a stamp so far from the
+    // output position, the stream's previous stamp and the newest picture
+    // that it could never be played in order (caller holds m_csFifo).
+    bool in_window(e_window_stream stream, uint64_t ptsStart);
+
 private:
-    int queue_scte35_as_scte104(const uint8_t* pSection, size_t nLength);
+    int queue_scte35_as_scte104(const uint8_t* pSection, size_t nLength,
+                                uint64_t nSpliceRunningTime = QV_TIME_NONE);
+    bool scte_now_pts(long& nowPts) const;
     int map_next_frame(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>* pTeletext,
                        std::vector<uint8_t>* pScte104, std::vector<uint8_t>* pVbi, qv_timecode* tc);
 

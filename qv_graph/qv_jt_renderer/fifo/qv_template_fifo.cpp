@@ -122,7 +122,7 @@ bool qv_template_fifo::add_data(uint64_t ptsStart, uint64_t /*ptsStop*/, const u
     m_last_input_frame += 1;
     const int64_t c = pts_to_image_number(ptsStart);
     const int64_t d = c - static_cast<int64_t>(m_last_input_frame);
-    if (d > 2 || d < -2)
+    if (d > 2 || d < -2 || (m_bExactFrames && d > 0))
         m_last_input_frame = static_cast<uint64_t>(c);
 
     if (pTimeCode != nullptr) {

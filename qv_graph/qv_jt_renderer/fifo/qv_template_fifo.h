@@ -62,6 +62,11 @@ public:
     uint64_t m_last_render_frame = 0;
     uint64_t m_last_input_frame = 0;
     uint64_t m_nStart = 0;
+    // Packets stamped with exact picture times (SCTE-104 takes the newest
+    // picture's) each go out with their own frame, or the next free one when
+    // several share a picture; streams of a packet a frame count instead,
+    // which absorbs stamp jitter.
+    bool m_bExactFrames = false;
     qv_template_statistics& m_statistics;
     std::mutex* m_pStatisticsLock;
 };

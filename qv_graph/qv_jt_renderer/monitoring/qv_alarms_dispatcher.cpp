@@ -18,9 +18,9 @@ constexpr alarm_desc k_alarms[] = {
 };
 static_assert(sizeof(k_alarms) / sizeof(k_alarms[0]) == qv_alarms_dispatcher::al_count, "one text per alarm");
 
-// A restart alarm stays up this many output frames after the last restart, so
+// A restart alarm stays up this many frames sent after the last restart, so
 // that a one-off restart is visible and a restart loop stays raised.
-constexpr uint32_t k_restart_hold_frames = 250;
+constexpr uint32_t k_restart_hold_frames = 25;
 
 // A single repeat is ordinary input jitter; a run of them is a frozen picture.
 constexpr uint32_t k_repeat_raise_frames = 3;
@@ -73,6 +73,7 @@ void qv_alarms_dispatcher::start(bool bVideo, bool bAudio, bool bTeletext, bool 
     m_nRepeatRun = 0;
     m_bRepeatThisFrame = false;
     m_nSinceRestart = 0;
+    m_bOutputDown = false;
     m_bRunning = true;
 }
 
@@ -89,6 +90,9 @@ void qv_alarms_dispatcher::stop()
 
 void qv_alarms_dispatcher::input_event_locked(alarm_id id)
 {
+    // A stream linked after play-out started is watched from its first data on.
+    if (m_bRunning)
+        m_watch[id].bWatched = true;
     m_watch[id].nSilentFrames = 0;
     set_locked(id, false);
 }
@@ -117,22 +121,42 @@ void qv_alarms_dispatcher::vbi_event()
     input_event_locked(al_no_vbi);
 }
 
-void qv_alarms_dispatcher::frame_event()
+void qv_alarms_dispatcher::count_silence_locked(uint32_t nSlots)
 {
-    std::lock_guard<std::mutex> lock(m_cs);
-    if (!m_bRunning)
-        return;
     const uint32_t nLimit = silence_frames_locked();
     for (int i = al_no_video; i <= al_no_vbi; ++i) {
         watch& w = m_watch[i];
         if (!w.bWatched)
             continue;
-        if (w.nSilentFrames < UINT32_MAX)
-            ++w.nSilentFrames;
+        w.nSilentFrames = nSlots > UINT32_MAX - w.nSilentFrames ? UINT32_MAX : w.nSilentFrames + nSlots;
         if (w.nSilentFrames > nLimit)
             set_locked(static_cast<alarm_id>(i), true);
     }
-    if (m_watch[al_restart].bRaised && ++m_nSinceRestart >= k_restart_hold_frames)
+}
+
+void qv_alarms_dispatcher::slots_elapsed(uint32_t nSlots)
+{
+    std::lock_guard<std::mutex> lock(m_cs);
+    if (m_bRunning && nSlots > 0)
+        count_silence_locked(nSlots);
+}
+
+void qv_alarms_dispatcher::set_output_down(bool bDown)
+{
+    std::lock_guard<std::mutex> lock(m_cs);
+    m_bOutputDown = bDown;
+    m_nSinceRestart = 0;
+    if (bDown && m_bRunning)
+        set_locked(al_restart, true);
+}
+
+void qv_alarms_dispatcher::frame_event()
+{
+    std::lock_guard<std::mutex> lock(m_cs);
+    if (!m_bRunning)
+        return;
+    count_silence_locked(1);
+    if (m_watch[al_restart].bRaised && !m_bOutputDown && ++m_nSinceRestart >= k_restart_hold_frames)
         set_locked(al_restart, false);
     // A frame with no repeat_event before its frame_event was fresh.
     if (m_bRepeatThisFrame) {

@@ -45,6 +45,12 @@ public:
     void vbi_event();
     // One output frame went out (render thread, once per frame).
     void frame_event();
+    // Output frame slots went by with no frame sent (pre-roll, device lost):
+    // inputs go silent whatever the play-out does.
+    void slots_elapsed(uint32_t nSlots);
+    // The output device is lost (true) or back (false); the restart alarm
+    // stays raised while it is lost.
+    void set_output_down(bool bDown);
     // The frame about to go out repeats the previous picture (call before its frame_event).
     void repeat_event();
     // The play-out was reset after a FIFO or device failure.
@@ -71,6 +77,9 @@ private:
     uint32_t m_nRepeatRun = 0;      // consecutive repeated frames
     bool m_bRepeatThisFrame = false; // repeat_event seen since the last frame_event
     uint32_t m_nSinceRestart = 0;   // frames since the last restart
+    bool m_bOutputDown = false;
+
+    void count_silence_locked(uint32_t nSlots);
 
     void input_event_locked(alarm_id id);
     void set_locked(alarm_id id, bool bRaise);

@@ -3,13 +3,17 @@
 #include "qv_renderer.h"
 
 #include "gstqvjtrenderer.h"
+#include "qv_thread_priority.h"
 #include "qv_v4l2_common.h"
 
 #include "qvrational.h"
 #include "qvsize.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 void qv_bus_alarm_install(qv_alarms_dispatcher& dispatcher, GstElement* pElement);
@@ -19,7 +23,8 @@ qv_renderer::qv_renderer(_Gstqvjtrenderer* pElement, GstElementClass* pParentCla
       m_mpln_device(m_statistics),
       m_pElement(pElement),
       m_pParentClass(pParentClass),
-      m_fifo(m_statistics, m_alarmDispatcher)
+      m_fifo(m_statistics, m_alarmDispatcher),
+      m_reporter(GST_ELEMENT(pElement), m_statistics)
 {
     // Without an alarm manager the application still sees alarms, on the bus.
     qv_bus_alarm_install(m_alarmDispatcher, GST_ELEMENT(pElement));
@@ -36,6 +41,26 @@ qv_renderer::~qv_renderer() = default;
 
 void qv_renderer::set_property(guint id, const GValue* value, GParamSpec* pspec)
 {
+    // The board runs with the values it was opened with until the next
+    // NULL -> READY; say so when one of them is written meanwhile.
+    switch (id) {
+    case PROP_V4L2:
+    case PROP_MODE:
+    case PROP_ALSA:
+    case PROP_BUFFER_CAPACITY:
+    case PROP_VBI_LINES:
+    case PROP_NUMBER_OF_AUDIO_LINES:
+    case PROP_USE_VBI:
+    case PROP_TIMECODE_TYPE:
+    case PROP_WATCHDOG:
+    case PROP_HW_BUFFERS:
+    case PROP_COLOR_RANGE:
+        if (m_bOpened)
+            g_print("qvjtrenderer: \"%s\" takes effect at the next NULL -> READY\n", g_param_spec_get_name(pspec));
+        break;
+    default:
+        break;
+    }
     switch (id) {
     case PROP_V4L2:
         m_strV4l2Name = std::string(g_value_get_string(value));
@@ -54,14 +79,24 @@ void qv_renderer::set_property(guint id, const GValue* value, GParamSpec* pspec)
         break;
     case PROP_VBI_LINES:
         // The caller hands 64 bytes, one per line; no length can be checked through a pointer.
-        if (const void* p = g_value_get_pointer(value))
+        if (const void* p = g_value_get_pointer(value)) {
             std::memcpy(m_nVBILines, p, sizeof m_nVBILines);
+            m_strLineMap.clear();
+        }
         break;
     case PROP_NUMBER_OF_AUDIO_LINES:
-        update_audio_pad(g_value_get_ulong(value));
+        // The pads follow the open board's audio lines: changing them while it
+        // plays would feed streams that the FIFOs do not have.
+        if (m_bOpened)
+            m_nPendingAudioLines = static_cast<long>(g_value_get_ulong(value));
+        else
+            update_audio_pad(g_value_get_ulong(value));
         break;
     case PROP_USE_VBI:
-        update_vbi_pad(g_value_get_boolean(value) != FALSE);
+        if (m_bOpened)
+            m_nPendingUseVBI = g_value_get_boolean(value) != FALSE ? 1 : 0;
+        else
+            update_vbi_pad(g_value_get_boolean(value) != FALSE);
         break;
     case PROP_TIMECODE_TYPE:
         m_eTimeCodeType = static_cast<v4l2_jutvane_timecode_type>(g_value_get_uint(value));
@@ -90,7 +125,8 @@ void qv_renderer::set_property(guint id, const GValue* value, GParamSpec* pspec)
         m_bFullColorRange = g_value_get_boolean(value) != FALSE;
         break;
     default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(m_pElement, id, pspec);
+        if (!set_app_property(id, value))
+            G_OBJECT_WARN_INVALID_PROPERTY_ID(m_pElement, id, pspec);
         break;
     }
 }
@@ -117,13 +153,14 @@ void qv_renderer::get_property(guint id, GValue* value, GParamSpec* pspec)
         g_value_set_ulong(value, m_nHWBuffers);
         break;
     case PROP_NUMBER_OF_AUDIO_LINES:
-        g_value_set_ulong(value, m_list_audio_pad.size());
+        g_value_set_ulong(value, m_nPendingAudioLines >= 0 ? static_cast<gulong>(m_nPendingAudioLines)
+                                                            : m_list_audio_pad.size());
         break;
     case PROP_STATISTICS:
         g_value_set_pointer(value, &m_statistics);
         break;
     case PROP_USE_VBI:
-        g_value_set_boolean(value, m_bUseVBI);
+        g_value_set_boolean(value, m_nPendingUseVBI >= 0 ? m_nPendingUseVBI != 0 : m_bUseVBI);
         break;
     case PROP_TIMECODE_TYPE:
         g_value_set_uint(value, m_eTimeCodeType);
@@ -144,7 +181,8 @@ void qv_renderer::get_property(guint id, GValue* value, GParamSpec* pspec)
         g_value_set_boolean(value, m_bFullColorRange);
         break;
     default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(m_pElement, id, pspec);
+        if (!get_app_property(id, value))
+            G_OBJECT_WARN_INVALID_PROPERTY_ID(m_pElement, id, pspec);
         break;
     }
 }
@@ -154,17 +192,30 @@ GstStateChangeReturn qv_renderer::change_state(GstStateChange transition)
     GstElement* pElement = GST_ELEMENT(m_pElement);
     GstStateChangeReturn ret;
     switch (transition) {
-    case GST_STATE_CHANGE_NULL_TO_READY:
-        // A failed open still reaches READY: the render thread then finds no device.
-        open();
+    case GST_STATE_CHANGE_NULL_TO_READY: {
+        std::string strError;
+        if (!open_checked(strError)) {
+            // Nothing may stay half open: the application sees the error and
+            // the element stays in NULL.
+            close();
+            m_bOpened = false;
+            GST_ELEMENT_ERROR(pElement, RESOURCE, OPEN_WRITE,
+                              ("Could not open output device \"%s\": %s", m_cfg.strV4l2Name.c_str(),
+                               strError.c_str()),
+                              (nullptr));
+            return GST_STATE_CHANGE_FAILURE;
+        }
         return m_pParentClass->change_state(pElement, transition);
+    }
     case GST_STATE_CHANGE_PAUSED_TO_PLAYING:
         start();
         return m_pParentClass->change_state(pElement, transition);
     case GST_STATE_CHANGE_READY_TO_NULL:
         ret = m_pParentClass->change_state(pElement, transition);
-        if (ret != GST_STATE_CHANGE_FAILURE)
+        if (ret != GST_STATE_CHANGE_FAILURE) {
             close();
+            m_bOpened = false;
+        }
         return ret;
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
         ret = m_pParentClass->change_state(pElement, transition);
@@ -178,7 +229,121 @@ GstStateChangeReturn qv_renderer::change_state(GstStateChange transition)
 
 bool qv_renderer::open()
 {
+    std::string strError;
+    if (open_checked(strError))
+        return true;
+    g_print("qvjtrenderer: cannot open output device \"%s\": %s\n", m_cfg.strV4l2Name.c_str(), strError.c_str());
+    return false;
+}
+
+namespace {
+
+// Why a node that CheckDevice refused cannot be used, in words for the operator.
+std::string describe_unusable_node(const std::string& strName)
+{
+    const int h = ::open(strName.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+    if (h == -1)
+        return std::strerror(errno);
+    ::close(h);
+    return "not a video device";
+}
+
+} // namespace
+
+bool qv_renderer::open_devices(std::string& strError)
+{
     std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (m_cfg.strV4l2Name.empty())
+        return true;
+    const qv_v4l2_enum_sdi_mode mode = static_cast<qv_v4l2_enum_sdi_mode>(m_cfg.nMode);
+    int fd = -1;
+    const auto type = qv_v4l2_base_output_device::CheckDevice(fd, m_cfg.strV4l2Name);
+    bool bOk = false;
+    switch (type) {
+    case qv_v4l2_base_output_device::eDTSepare:
+        if (!m_video_device.init_device(fd, m_cfg.strV4l2Name, mode, m_cfg.eTimeCodeType, m_cfg.bUseWatchdog,
+                                        m_cfg.nHWBuffers)) {
+            strError = "the device is busy or cannot take the configured mode";
+            break;
+        }
+        if (!m_cfg.strAlsaName.empty() && !m_audio_device.open_device(m_cfg.strAlsaName, m_cfg.nAudioLines)) {
+            m_video_device.close_device();
+            strError = "the ALSA device \"" + m_cfg.strAlsaName + "\" cannot be opened";
+            break;
+        }
+        bOk = true;
+        break;
+    case qv_v4l2_base_output_device::eDTMultiPlane:
+        if (!m_mpln_device.init_device(fd, m_cfg.strV4l2Name, mode, m_cfg.eTimeCodeType, m_cfg.bUseWatchdog,
+                                       m_cfg.nHWBuffers, m_cfg.bFullColorRange, m_cfg.nAudioLines)) {
+            g_print("qvjtrenderer: m_mpln_device.init_device ERROR !!!\n");
+            strError = "the device is busy or cannot take the configured mode";
+            break;
+        }
+        bOk = true;
+        break;
+    case qv_v4l2_base_output_device::eDTUnknown:
+        strError = "not a video output device";
+        break;
+    default:
+        strError = describe_unusable_node(m_cfg.strV4l2Name);
+        break;
+    }
+    if (fd != -1)
+        ::close(fd);
+    return bOk;
+}
+
+void qv_renderer::close_devices()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (m_mpln_device.is_open()) {
+        m_mpln_device.stop_device();
+        m_mpln_device.close_device();
+    }
+    if (m_video_device.is_open()) {
+        m_video_device.stop_device();
+        m_video_device.close_device();
+    }
+    if (m_audio_device.is_open()) {
+        m_audio_device.stop_device();
+        m_audio_device.close_device();
+    }
+}
+
+bool qv_renderer::open_checked(std::string& strError)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+
+    close();
+
+    // Values written while the board was open apply from here on.
+    if (m_nPendingAudioLines >= 0)
+        update_audio_pad(static_cast<unsigned long>(m_nPendingAudioLines));
+    if (m_nPendingUseVBI >= 0)
+        update_vbi_pad(m_nPendingUseVBI != 0);
+    m_nPendingAudioLines = -1;
+    m_nPendingUseVBI = -1;
+    m_bOpened = true;
+
+    m_cfg.strV4l2Name = m_strV4l2Name;
+    m_cfg.strAlsaName = m_strAlsaName;
+    m_cfg.nMode = m_nMode;
+    m_cfg.nHWBuffers = m_nHWBuffers;
+    m_cfg.nAudioLines = static_cast<uint32_t>(m_list_audio_pad.size());
+    m_cfg.eTimeCodeType = m_eTimeCodeType;
+    m_cfg.bUseWatchdog = m_bUseWatchdog;
+    m_cfg.bFullColorRange = m_bFullColorRange;
+    m_cfg.bUseVBI = m_bUseVBI;
+    m_cfg.bMultiPlane = false;
+    {
+        std::lock_guard<std::mutex> eos(m_csEos);
+        m_eosPads.clear();
+    }
+    m_bEos = false;
+    m_bEosPosted = false;
+    m_bFlush = false;
+    m_bOutputDown = false;
 
     float fps = 25.0f;
     QVSDK::QVEnumFormats format = QVSDK::FORMAT_UYVY;
@@ -188,70 +353,48 @@ bool qv_renderer::open()
     QVSDK::QVRational::reduce(&aspect.num, &aspect.den, 16, 9, QVSDK::QV_RATIONAL_MAX);
     QVSDK::QVSoundFormat soundFormat(0, 48000, 16, 2);
 
-    close();
-
-    const auto nAudioLines = static_cast<uint32_t>(m_list_audio_pad.size());
-    const qv_v4l2_enum_sdi_mode mode = static_cast<qv_v4l2_enum_sdi_mode>(m_nMode);
+    if (!open_devices(strError))
+        return false;
     bool bDevice = false;
-    if (!m_strV4l2Name.empty()) {
-        int fd = -1;
-        switch (qv_v4l2_base_output_device::CheckDevice(fd, m_strV4l2Name)) {
-        case qv_v4l2_base_output_device::eDTSepare:
-            if (!m_video_device.init_device(fd, m_strV4l2Name, mode, m_eTimeCodeType, m_bUseWatchdog,
-                                            m_nHWBuffers)) {
-                if (fd != -1)
-                    ::close(fd);
-                return false;
-            }
-            fps = m_video_device.get_board_format().fps;
-            width = m_video_device.get_board_format().width;
-            height = m_video_device.get_board_format().height;
-            format = m_video_device.get_video_format();
-            bDevice = true;
-            if (!m_strAlsaName.empty()) {
-                if (!m_audio_device.open_device(m_strAlsaName, nAudioLines))
-                    return false;
-                soundFormat = m_audio_device.get_format();
-            }
-            break;
-        case qv_v4l2_base_output_device::eDTMultiPlane:
-            if (!m_mpln_device.init_device(fd, m_strV4l2Name, mode, m_eTimeCodeType, m_bUseWatchdog, m_nHWBuffers,
-                                           m_bFullColorRange, nAudioLines)) {
-                g_print("qvjtrenderer: m_mpln_device.init_device ERROR !!!\n");
-                if (fd != -1)
-                    ::close(fd);
-                return false;
-            }
-            fps = m_mpln_device.get_board_format().fps;
-            width = m_mpln_device.get_board_format().width;
-            height = m_mpln_device.get_board_format().height;
-            format = m_mpln_device.get_video_format();
-            soundFormat = m_mpln_device.get_sound_format();
-            bDevice = true;
-            break;
-        default:
-            if (fd != -1)
-                ::close(fd);
-            break;
-        }
+    if (m_mpln_device.is_open()) {
+        fps = m_mpln_device.get_board_format().fps;
+        width = m_mpln_device.get_board_format().width;
+        height = m_mpln_device.get_board_format().height;
+        format = m_mpln_device.get_video_format();
+        soundFormat = m_mpln_device.get_sound_format();
+        m_cfg.bMultiPlane = true;
+        bDevice = true;
+    } else if (m_video_device.is_open()) {
+        fps = m_video_device.get_board_format().fps;
+        width = m_video_device.get_board_format().width;
+        height = m_video_device.get_board_format().height;
+        format = m_video_device.get_video_format();
+        if (m_audio_device.is_open())
+            soundFormat = m_audio_device.get_format();
+        bDevice = true;
     }
+    m_fFps = fps;
     m_nHWFrameStep = bDevice ? static_cast<int32_t>(148500000.0 / fps + 0.499) : 5940000;
 
     m_fifo.m_bUsePLL = m_bUsePLL;
     const QVSDK::QVSize size(width, height, aspect);
     // The stream set-up calls report success as non-zero.
+    strError = "the play-out buffers cannot be set up";
     if (!m_fifo.create_video_stream(fps, format, size, QVSDK::QVFieldOrder(0)))
         return false;
-    if (!m_fifo.create_sound_stream(nAudioLines, soundFormat))
+    if (!m_fifo.create_sound_stream(m_cfg.nAudioLines, soundFormat))
         return false;
     if (!m_fifo.create_teletext_stream(fps) || !m_fifo.create_scte104_stream(fps) || !m_fifo.create_vbi_stream(fps))
         return false;
     if (!m_fifo.alloc_fifo(static_cast<size_t>(m_nBufferCapacity * fps / 1000.0 + 0.5)))
         return false;
+    strError.clear();
 
-    // Entries 32 to 63 fold onto the same 32 mask bits as 0 to 31; the SCTE-104
-    // line list is appended to on every open, never cleared.
+    // Entries 32 to 63 fold onto the same 32 mask bits as 0 to 31. The
+    // SCTE-104 line list is rebuilt from the table on every open.
+    apply_line_map();
     m_nTeletextMask = 0;
+    m_linesSCTE104.clear();
     for (uint32_t i = 0; i < 64; ++i) {
         if (m_nVBILines[i] == 1)
             m_nTeletextMask |= 1u << (i % 32);
@@ -259,7 +402,7 @@ bool qv_renderer::open()
             m_linesSCTE104.push_back(i + 1);
     }
 
-    const qv_v4l2_video_format& row = qv_board_format(mode);
+    const qv_v4l2_video_format& row = qv_board_format(static_cast<qv_v4l2_enum_sdi_mode>(m_cfg.nMode));
     m_teletext_encoder.init(m_nTeletextMask, row.isProgressive, row.isHD, row.width);
     m_scte104_encoder.init(!row.isHD, m_linesSCTE104.size(), static_cast<size_t>(row.width));
     return true;
@@ -268,17 +411,25 @@ bool qv_renderer::open()
 bool qv_renderer::start()
 {
     m_statistics.reset();
+    m_reporter.watch_output_down(&m_bOutputDown);
+    m_reporter.start();
     const bool bVideo = isConnect(m_video_pad.get());
-    const bool bVbi = m_bUseVBI && isConnect(m_vbi_pad.get());
-    const bool bTeletext = !m_bUseVBI && isConnect(m_teletext_pad.get());
+    const bool bVbi = m_cfg.bUseVBI && isConnect(m_vbi_pad.get());
+    const bool bTeletext = !m_cfg.bUseVBI && isConnect(m_teletext_pad.get());
     m_alarmDispatcher.start(bVideo, isAudioConnect(), bTeletext, bVbi);
 
     m_fExit = std::make_shared<std::promise<void>>();
     std::future<void> exit = m_fExit->get_future();
-    if (m_mpln_device.is_open())
-        m_thread = std::thread([this, f = std::move(exit)]() mutable { work_thread_complex(std::move(f)); });
+    if (m_cfg.bMultiPlane)
+        m_thread = std::thread([this, f = std::move(exit)]() mutable {
+            qv_make_thread_realtime();
+            work_thread_complex(std::move(f));
+        });
     else
-        m_thread = std::thread([this, f = std::move(exit)]() mutable { work_thread_separate(std::move(f)); });
+        m_thread = std::thread([this, f = std::move(exit)]() mutable {
+            qv_make_thread_realtime();
+            work_thread_separate(std::move(f));
+        });
     return true;
 }
 
@@ -291,6 +442,8 @@ void qv_renderer::stop()
     }
     m_time_starter.reset();
     m_alarmDispatcher.stop();
+    m_reporter.stop();
+    m_bOutputDown = false;
 }
 
 void qv_renderer::close()
@@ -307,45 +460,58 @@ void qv_renderer::close()
     m_fifo.dealloc_fifo();
 }
 
-void qv_renderer::reset()
+bool qv_renderer::reset()
 {
     // The pads' add calls read the devices under m_cs; they must not see a
     // device half closed or half reopened. close() never waits for this
     // thread while holding m_cs: the render thread is stopped before it.
     std::lock_guard<std::recursive_mutex> lock(m_cs);
     g_print("qvjtrenderer: start reset\n");
-    const bool bMpln = m_mpln_device.is_open();
-    if (bMpln) {
-        m_mpln_device.stop_device();
-        m_mpln_device.close_device();
-    }
-    if (m_video_device.is_open()) {
-        m_video_device.stop_device();
-        m_video_device.close_device();
-    }
-    if (m_audio_device.is_open()) {
-        m_audio_device.stop_device();
-        m_audio_device.close_device();
-    }
+    close_devices();
     m_fifo.reset();
     m_time_starter.reset();
-
-    int fd = -1;
-    qv_v4l2_base_output_device::CheckDevice(fd, m_strV4l2Name);
-    const auto nAudioLines = static_cast<uint32_t>(m_list_audio_pad.size());
-    const qv_v4l2_enum_sdi_mode mode = static_cast<qv_v4l2_enum_sdi_mode>(m_nMode);
-    // Reopening failures are not handled here: the next frame that cannot be
-    // mapped is reported by the render loop.
-    if (bMpln) {
-        m_mpln_device.init_device(fd, m_strV4l2Name, mode, m_eTimeCodeType, m_bUseWatchdog, m_nHWBuffers,
-                                  m_bFullColorRange, nAudioLines);
-    } else {
-        if (!m_strV4l2Name.empty())
-            m_video_device.init_device(fd, m_strV4l2Name, mode, m_eTimeCodeType, m_bUseWatchdog, m_nHWBuffers);
-        if (!m_strAlsaName.empty())
-            m_audio_device.open_device(m_strAlsaName, nAudioLines);
-    }
-    if (fd != -1)
-        ::close(fd);
+    std::string strError;
+    const bool bOk = open_devices(strError);
+    if (!bOk)
+        g_print("qvjtrenderer: output device not reopened: %s\n", strError.c_str());
     g_print("qvjtrenderer: stop reset\n");
+    return bOk;
+}
+
+void qv_renderer::pad_event(GstPad* pPad, GstEvent* pEvent)
+{
+    switch (GST_EVENT_TYPE(pEvent)) {
+    case GST_EVENT_EOS: {
+        std::lock_guard<std::mutex> lock(m_csEos);
+        if (std::find(m_eosPads.begin(), m_eosPads.end(), pPad) == m_eosPads.end())
+            m_eosPads.push_back(pPad);
+        m_nEosSeqnum = gst_event_get_seqnum(pEvent);
+        // The stream ends when every linked pad has ended: the last picture
+        // and the last sound both have to go out.
+        bool bAll = std::find(m_eosPads.begin(), m_eosPads.end(), m_video_pad.get()) != m_eosPads.end();
+        for (const auto& p : m_list_audio_pad)
+            if (isConnect(p->pad.get()) && std::find(m_eosPads.begin(), m_eosPads.end(), p->pad.get()) == m_eosPads.end())
+                bAll = false;
+        for (GstPad* p : {m_teletext_pad.get(), m_scte104_pad.get(), m_scte35_pad.get(), m_vbi_pad.get()})
+            if (isConnect(p) && std::find(m_eosPads.begin(), m_eosPads.end(), p) == m_eosPads.end())
+                bAll = false;
+        m_bEos = bAll;
+        break;
+    }
+    case GST_EVENT_FLUSH_STOP:
+    case GST_EVENT_STREAM_START: {
+        std::lock_guard<std::mutex> lock(m_csEos);
+        const bool bWasEos = !m_eosPads.empty();
+        m_eosPads.erase(std::remove(m_eosPads.begin(), m_eosPads.end(), pPad), m_eosPads.end());
+        m_bEos = false;
+        m_bEosPosted = false;
+        // A flush throws away what is queued; a new stream after an end starts
+        // from its own time base. Either way the loop restarts the play-out.
+        if (GST_EVENT_TYPE(pEvent) == GST_EVENT_FLUSH_STOP || bWasEos)
+            m_bFlush = true;
+        break;
+    }
+    default:
+        break;
+    }
 }

@@ -9,6 +9,7 @@
 #include "qv_mpln_output_device.h"
 #include "qv_pads.h"
 #include "qv_renderer_statistics.h"
+#include "qv_stats_reporter.h"
 #include "qv_time_starter.h"
 #include "qv_types.h"
 #include "qv_v4l2_output_device.h"
@@ -44,13 +45,24 @@ public:
 
     void set_property(guint id, const GValue* value, GParamSpec* pspec);
     void get_property(guint id, GValue* value, GParamSpec* pspec);
+    // The line map, "stats" and "stats-interval"; false for any other id.
+    bool set_app_property(guint id, const GValue* value);
+    bool get_app_property(guint id, GValue* value);
     GstStateChangeReturn change_state(GstStateChange transition);
 
     bool open();
     bool start();
     void stop();
     void close();
-    void reset(); // render thread only, after a FIFO or device failure
+    // Render thread only, after a FIFO or device failure: closes the devices and
+    // reopens them as configured at open. False when they could not be reopened.
+    bool reset();
+
+    // End of stream, flushes and new segments, seen on any sink pad (the event
+    // is only looked at; the pad keeps its own handling).
+    void pad_event(GstPad* pPad, GstEvent* pEvent);
+    // True while the output device is lost and the render loop retries it.
+    bool output_down() const { return m_bOutputDown; }
 
     // Pads.
     bool create_video_pad();
@@ -68,14 +80,17 @@ public:
 
     // Called from the pads' streaming threads.
     bool set_video_cap(GstCaps* pCaps);
+    // runningTime (ns): the picture's running time, used for SCTE when there is no DTS.
     int add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts, const QVSDK::QVImage& image,
-                        uint64_t hwTime);
+                        uint64_t hwTime, uint64_t runningTime = ~uint64_t(0));
     int add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts,
                         const QVSDK::QVSound& sound);
     int add_teletext_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize);
     int add_vbi_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize,
                       const GstVideoTimeCode* pTimecode);
     int add_scte104_frame(const uint8_t* pData, size_t nSize);
+    // A splice section from a demuxer's event (no pointer field); see qv_fifo_engine.
+    int add_scte35_section(const uint8_t* pSection, size_t nSize, uint64_t nSpliceRunningTime, uint32_t nEventId);
     int add_scte35_frame(const uint8_t* pData, size_t nSize);
     int add_subtitle_frame(uint64_t pts, const uint8_t* pData, size_t nSize);
 
@@ -104,9 +119,25 @@ private:
     bool add_pad(GstPad* pPad);
     bool remove_pad(GstPad* pPad);
     uint64_t device_time_locked() const; // m_cs held
-    void reset_sequence(bool& bStarted);
-    // Statistics time, FIFO state and pre-roll of one render pass; false ends the pass.
-    bool pass_head(std::chrono::steady_clock::time_point tStart, bool& bStarted, uint32_t& nStartIndex);
+    struct loop_state; // the render thread's working state, one per thread
+    void render_loop(std::future<void>& exit, bool bComplex);
+    void restart_playout(loop_state& L, const char* pReason, bool bDeviceFault);
+    void enter_down(loop_state& L, const std::string& strWhy);
+    void try_recover(loop_state& L);
+    void account_idle_slots(loop_state& L);
+    bool preroll_done(loop_state& L);
+    bool acquire_buffer(loop_state& L, uint32_t& nSeq);
+    int fetch_frame(loop_state& L, uint32_t nIndex);
+    bool output_frame(loop_state& L);
+    void start_device_when_primed(loop_state& L);
+    void finish_eos(loop_state& L);
+    uint32_t ring_frames(bool bComplex) const;
+    // Opens the board (and ALSA beside a single-plane board) as m_cfg says; on
+    // failure closes what it opened and says why in strError.
+    bool open_devices(std::string& strError);
+    void close_devices();
+    bool open_checked(std::string& strError);
+    void apply_line_map(); // the "line-map" text, again for the mode in force
 
     // Guards open, close, the reopening in reset, the add calls and the end of the render thread.
     std::recursive_mutex m_cs;
@@ -131,14 +162,14 @@ private:
     bool m_bUseVBI = false;
     v4l2_jutvane_timecode_type m_eTimeCodeType = V4L2_JUTVANE_TIMECODE_DISABLED;
     bool m_bUsePLL = true;
-    bool m_bUseHWLock = true;     // on from the start, whatever the property default says
+    bool m_bUseHWLock = true;     // locks from the first open even if no one sets the property
     int32_t m_nHWFrameStep = 0;
     int32_t m_nDebugDiffHW = 0;
-    bool m_bUseWatchdog = false;  // off from the start, whatever the property default says
+    bool m_bUseWatchdog = false;  // a board left unattended is not reset until someone asks for it
     uint32_t m_nHWBuffers = 3;
     bool m_bFullColorRange = true;
     qv_fifo_engine m_fifo;
-    std::vector<uint32_t> m_linesSCTE104; // grows by the SCTE-104 lines on every open
+    std::vector<uint32_t> m_linesSCTE104; // rebuilt from "vbi_lines" on every open
     uint32_t m_nTeletextMask = 0;
     qv_vanc_scte104_encoder m_scte104_encoder;
     qv_vanc_teletext_encoder m_teletext_encoder;
@@ -149,4 +180,37 @@ private:
     qv_scte35_pad m_scte35_pad;
     qv_vbi_pad m_vbi_pad;
     qv_time_starter m_time_starter;
+
+    // The board values in force from NULL -> READY to READY -> NULL: writes to
+    // the properties meanwhile wait for the next open, so that an internal
+    // reset never reopens the board differently from what went on air.
+    struct board_config {
+        std::string strV4l2Name;
+        std::string strAlsaName;
+        uint32_t nMode = 0;
+        uint32_t nHWBuffers = 3;
+        uint32_t nAudioLines = 0;
+        v4l2_jutvane_timecode_type eTimeCodeType = V4L2_JUTVANE_TIMECODE_DISABLED;
+        bool bUseWatchdog = false;
+        bool bFullColorRange = true;
+        bool bUseVBI = false;
+        bool bMultiPlane = false; // the kind of node found at open
+    };
+    board_config m_cfg;
+    bool m_bOpened = false;            // between NULL -> READY and READY -> NULL
+    long m_nPendingAudioLines = -1;    // "number_of_audio_lines" written while opened; -1: none
+    int m_nPendingUseVBI = -1;         // "use_vbi" written while opened; -1: none
+    float m_fFps = 25.0f;              // output frame rate of the open board
+    std::atomic<bool> m_bOutputDown{false};
+
+    // End of stream: the pads that saw EOS since the last flush or new stream,
+    // guarded by m_csEos; the render loop reads the atomics.
+    std::mutex m_csEos;
+    std::vector<GstPad*> m_eosPads;
+    uint32_t m_nEosSeqnum = 0;
+    std::atomic<bool> m_bEos{false};       // every linked pad is at its end
+    std::atomic<bool> m_bEosPosted{false}; // EOS went to the bus
+    std::atomic<bool> m_bFlush{false};     // a flush asks the loop for a clean restart
+    std::string m_strLineMap; // "line-map" as set; empty when the table came from "vbi_lines"
+    qv_stats_reporter m_reporter;
 };

@@ -28,7 +28,7 @@ bool qv_renderer::tryHWLock(uint32_t index, int32_t& correction)
         return false;
     }
     const uint32_t span = hw - stat.front().hw_time;
-    const uint32_t capacity = m_nBufferCapacity * 148500u; // wraps above 28922 ms, as it always has
+    const uint32_t capacity = m_nBufferCapacity * 148500u; // 32-bit: wraps above 28922 ms, which then lets a long span pass; kept so the lock decision does not move
     if (capacity < span) {
         g_print("qv_jt_renderer: can't lock to input - time_diff=%d > %d=capacity !!!\n",
                 static_cast<int32_t>(span) / 148500, m_nBufferCapacity);

@@ -12,7 +12,14 @@ namespace {
 // The time starter works in signed 64-bit; stream time beyond that is not a stamp.
 bool stamp(qv_time_starter& starter, uint64_t ptsStart, uint64_t ptsEnd, uint64_t& start, uint64_t& stop)
 {
-    const auto [s, e, bValid] = starter.set_time_stamp(static_cast<long>(ptsStart), static_cast<long>(ptsEnd));
+    if (ptsStart == QV_TIME_NONE) {
+        // Not a stamp: it must not become the starter's origin. The FIFO
+        // engine reports and drops it.
+        start = stop = QV_TIME_NONE;
+        return true;
+    }
+    // The starter answers (relative stop, relative start, accepted): stop first.
+    const auto [e, s, bValid] = starter.set_time_stamp(static_cast<long>(ptsStart), static_cast<long>(ptsEnd));
     if (!bValid)
         return false;
     start = static_cast<uint64_t>(s);
@@ -41,30 +48,31 @@ bool qv_renderer::set_video_cap(GstCaps* pCaps)
 }
 
 int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts, const QVSDK::QVImage& image,
-                                 uint64_t hwTime)
+                                 uint64_t hwTime, uint64_t runningTime)
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
+    // Input is input even while the output device is being reopened.
+    m_alarmDispatcher.video_event();
     if (!m_mpln_device.is_open() && !m_video_device.is_open())
         return 1;
     uint64_t start = 0, stop = 0;
     if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
         return 1;
-    m_alarmDispatcher.video_event();
     return m_fifo.add_video_frame(start, stop, dts, device_time_locked(), image,
-                                  static_cast<unsigned long>(hwTime));
+                                  static_cast<unsigned long>(hwTime), runningTime);
 }
 
 int qv_renderer::add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEnd, uint64_t,
                                  const QVSDK::QVSound& sound)
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (!m_mpln_device.is_open() && !m_audio_device.is_open())
-        return 1;
     const auto it = std::find_if(m_list_audio_pad.begin(), m_list_audio_pad.end(),
                                  [pPad](const auto& p) { return p->pad.get() == pPad; });
     if (it == m_list_audio_pad.end())
         return 1; // the pad was removed while its stream still flowed
     m_alarmDispatcher.audio_event();
+    if (!m_mpln_device.is_open() && !m_audio_device.is_open())
+        return 1;
     uint64_t start = 0, stop = 0;
     if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
         return 1;
@@ -76,9 +84,9 @@ int qv_renderer::add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEn
 int qv_renderer::add_teletext_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize)
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
+    m_alarmDispatcher.teletext_event();
     if (!m_mpln_device.is_open() && !m_video_device.is_open())
         return 1;
-    m_alarmDispatcher.teletext_event();
     uint64_t start = 0, stop = 0;
     if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
         return 1;
@@ -89,9 +97,9 @@ int qv_renderer::add_vbi_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t
                                const GstVideoTimeCode* pTimecode)
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
+    m_alarmDispatcher.vbi_event();
     if (!m_mpln_device.is_open() && !m_video_device.is_open())
         return 1;
-    m_alarmDispatcher.vbi_event();
     uint64_t start = 0, stop = 0;
     if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
         return 1;
@@ -122,6 +130,15 @@ int qv_renderer::add_scte35_frame(const uint8_t* pData, size_t nSize)
     if (!m_mpln_device.is_open() && !m_video_device.is_open())
         return 1;
     return m_fifo.add_scte35_frame(const_cast<uint8_t*>(pData), nSize);
+}
+
+int qv_renderer::add_scte35_section(const uint8_t* pSection, size_t nSize, uint64_t nSpliceRunningTime,
+                                    uint32_t nEventId)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_cs);
+    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+        return 1;
+    return m_fifo.add_scte35_section(pSection, nSize, nSpliceRunningTime, nEventId);
 }
 
 int qv_renderer::add_subtitle_frame(uint64_t, const uint8_t*, size_t)

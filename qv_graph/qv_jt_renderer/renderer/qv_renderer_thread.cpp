@@ -1,7 +1,20 @@
 // The render thread: one pass per output frame, paced by the device's buffer
 // queue. Maps the frame's picture, sound and data from the FIFOs, writes the
-// ancillary lines and hands everything to the device.
+// ancillary lines and hands everything to the device. Both variants (single
+// plane with ALSA beside it, multi-plane) run the same loop; only taking a
+// buffer, filling it and starting or stopping the device differ.
+//
+// The loop also keeps the play-out alive: a device that cannot go on is closed
+// and reopened, a device that cannot be reopened is retried (at once when its
+// node comes back, about once a second while the node is there but refuses),
+// and the inputs' silence is counted in output frame slots even while nothing
+// goes out.
 #include "qv_renderer.h"
+
+#include "gstqvjtrenderer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -14,58 +27,41 @@ using steady = std::chrono::steady_clock;
 // Just over a second between two hardware lock attempts.
 constexpr auto k_hwlock_interval = std::chrono::nanoseconds(1000999999);
 
-bool exit_requested(std::future<void>& exit)
-{
-    return exit.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
-}
+// A device that fails again this soon after it was reopened, or whose node is
+// there but cannot be opened, is retried no more often than this.
+constexpr auto k_reopen_interval = std::chrono::seconds(1);
+
+// While there is nothing to send (pre-roll, device lost, end of stream) a
+// pass waits this long for the exit signal instead of spinning.
+constexpr auto k_idle_wait = std::chrono::milliseconds(5);
+
+// How often the board watchdog is looked at while playing.
+constexpr auto k_watchdog_interval = std::chrono::milliseconds(500);
 
 void clear_vbi_area(qv_vbi_data& vbi)
 {
     vbi = qv_vbi_data{};
 }
 
-} // namespace
-
-void qv_renderer::reset_sequence(bool& bStarted)
+// True when the node can be opened at all: cheap and silent, so that a lost
+// device can be watched every pass without flooding the console.
+bool node_present(const std::string& strName)
 {
-    m_alarmDispatcher.restart_event();
-    {
-        std::lock_guard<std::mutex> lock(m_statistics.m_cs);
-        ++m_statistics.m_nFifoResetCount;
-        m_statistics.nSeqFromDevice = 0;
-    }
-    m_state = qv_stop_state;
-    reset();
-    bStarted = false;
-}
-
-bool qv_renderer::pass_head(std::chrono::steady_clock::time_point tStart, bool& bStarted, uint32_t& nStartIndex)
-{
-    {
-        std::lock_guard<std::mutex> lock(m_statistics.m_cs);
-        m_statistics.m_nSystemTime = static_cast<uint64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now() - tStart).count());
-    }
-    if (m_fifo.m_state != fifo_ok) {
-        reset_sequence(bStarted);
+    if (strName.empty())
+        return true;
+    const int h = ::open(strName.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+    if (h == -1)
         return false;
-    }
-    if (!bStarted) {
-        // Pre-roll until the video FIFO spans the latency.
-        const qv_video_fifo& vf = m_fifo.m_video_fifo;
-        const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
-        if (nBuffered < m_nLatency) {
-            m_fifo.check_audio_fifo_fullness(m_nLatency);
-            return false;
-        }
-        const int64_t s = m_fifo.start();
-        nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
-    }
+    ::close(h);
     return true;
 }
 
-void qv_renderer::work_thread_separate(std::future<void>&& exit)
-{
+} // namespace
+
+struct qv_renderer::loop_state {
+    explicit loop_state(bool complex) : bComplex(complex) {}
+
+    const bool bComplex;
     const steady::time_point tStart = steady::now();
     QVSDK::QVImage image;
     QVSDK::QVImage deviceImage;
@@ -73,165 +69,406 @@ void qv_renderer::work_thread_separate(std::future<void>&& exit)
     std::vector<uint8_t> teletext, scte104, vbiBytes;
     qv_timecode timecode;
     qv_vbi_data vbi;
-    bool bStarted = false;
-    uint32_t nStartIndex = 0;
-    uint32_t nSeq = 0;
 
-    for (;;) {
-        if (exit_requested(exit))
-            break;
-        if (!pass_head(tStart, bStarted, nStartIndex))
-            continue;
-        if (!m_video_device.map_image(nSeq, deviceImage)) {
-            g_print("qv_jt_renderer: can't map buffer from device\n");
-            bStarted = true;
-            continue;
-        }
-        bStarted = true;
-        const uint32_t nIndex = nStartIndex + nSeq;
+    bool bStarted = false;    // pre-roll over, start index known
+    uint32_t nStartIndex = 0; // output frame index of the first frame after pre-roll
+    bool bSeqBase = false;    // the first device sequence after the pre-roll is known
+    uint32_t nSeqBase = 0;    // that sequence: output index = start index + (sequence - base)
+    uint32_t nQueued = 0;     // frames handed to the device since it was opened
+    bool bFailing = false;    // the last buffer request failed (print a failure once per run)
 
-        if (m_bUseVBI) {
-            vbiBytes.clear();
-            timecode = qv_timecode{};
-            if (m_fifo.map_next_data_vbi(nIndex, image, sound, vbiBytes, &timecode) != 0) {
-                reset_sequence(bStarted);
-                continue;
-            }
-            image.copyTo(deviceImage);
-            if (m_video_device.is_vbi_open()) {
-                clear_vbi_area(vbi);
-                if (m_video_device.map_vbi(vbi))
-                    write_vbi_to_vbi(vbiBytes, vbi);
-                m_video_device.unmap_vbi();
-            }
-            if (timecode.bValid)
-                m_video_device.set_timecode(timecode);
-        } else {
-            teletext.clear();
-            scte104.clear();
-            if (m_fifo.map_next_data(nIndex, image, sound, teletext, scte104) != 0) {
-                reset_sequence(bStarted);
-                continue;
-            }
-            image.copyTo(deviceImage);
-            if (m_video_device.is_vbi_open()) {
-                clear_vbi_area(vbi);
-                if (!m_video_device.map_vbi(vbi))
-                    g_print("qv_jt_renderer: can't map vbi buffer from device\n");
-                if (!teletext.empty() && vbi.m_bValid)
-                    write_teletext_to_vbi(teletext, vbi);
-                if (!scte104.empty() && vbi.m_bValid && !m_linesSCTE104.empty())
-                    write_scte104_to_vbi(scte104, vbi);
-                m_video_device.unmap_vbi();
-            }
-        }
-        m_video_device.unmap_image();
-        m_alarmDispatcher.frame_event();
-
-        if (m_audio_device.is_open() && !m_audio_device.write(sound)) {
-            reset_sequence(bStarted);
-            continue;
-        }
-        if (m_state == qv_stop_state) {
-            g_print("qvjtrenderer: start device\n");
-            if (m_audio_device.is_open())
-                m_audio_device.start_device();
-            if (m_video_device.is_open())
-                m_video_device.start_device();
-            m_state = qv_run_state;
-        }
-    }
-
-    std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (m_video_device.is_open())
-        m_video_device.stop_device();
-    if (m_audio_device.is_open())
-        m_audio_device.stop_device();
-    g_print("qv_jt_renderer: stop renderer thread\n");
-    m_state = qv_stop_state;
-}
-
-void qv_renderer::work_thread_complex(std::future<void>&& exit)
-{
-    const steady::time_point tStart = steady::now();
-    QVSDK::QVImage image;
-    QVSDK::QVSound sound;
-    std::vector<uint8_t> teletext, scte104, vbiBytes;
-    qv_timecode timecode;
-    qv_vbi_data vbi;
-    bool bStarted = false;
-    uint32_t nStartIndex = 0;
-    uint32_t nSeq = 0;
+    // Hardware time lock (multi-plane only).
     int32_t nHWCorrection = 0;
     bool bLocked = false;
     steady::time_point tLastLock = tStart;
 
-    for (;;) {
-        if (exit_requested(exit))
-            break;
-        if (!pass_head(tStart, bStarted, nStartIndex))
-            continue;
-        if (!m_mpln_device.can_render(nSeq)) {
-            g_print("qv_jt_renderer: device is not ready for next frame\n");
-            bStarted = true;
-            continue;
-        }
-        bStarted = true;
-        uint32_t nIndex = nStartIndex + nSeq;
+    // Device lost and retried.
+    bool bDown = false;
+    bool bNodeMissing = false;
+    steady::time_point tLastOpen = tStart - k_reopen_interval;
+    std::string strLastError;
 
-        if (m_bUseHWLock && steady::now() - tLastLock > k_hwlock_interval) {
-            tLastLock = steady::now();
-            bLocked = tryHWLock(nIndex, nHWCorrection);
+    // Output slots already counted for the alarms.
+    steady::time_point tSlotsCounted = tStart;
+    steady::time_point tWatchdog = tStart;
+
+    // End of stream: the frames already queued go out before EOS is posted.
+    bool bDraining = false;
+    steady::time_point tDrainEnd{};
+};
+
+void qv_renderer::work_thread_separate(std::future<void>&& exit)
+{
+    render_loop(exit, false);
+}
+
+void qv_renderer::work_thread_complex(std::future<void>&& exit)
+{
+    render_loop(exit, true);
+}
+
+uint32_t qv_renderer::ring_frames(bool bComplex) const
+{
+    if (!bComplex)
+        return m_video_device.get_buffer_count();
+    const uint32_t n = m_mpln_device.get_buffer_count();
+    return m_mpln_device.get_field_order() == QVSDK::FieldOrder_Progressive ? n : n / 2;
+}
+
+void qv_renderer::account_idle_slots(loop_state& L)
+{
+    const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
+    const auto now = steady::now();
+    const auto n = (now - L.tSlotsCounted) / period;
+    if (n <= 0)
+        return;
+    m_alarmDispatcher.slots_elapsed(static_cast<uint32_t>(n));
+    L.tSlotsCounted += n * period;
+}
+
+void qv_renderer::enter_down(loop_state& L, const std::string& strWhy)
+{
+    if (!L.bDown)
+        g_print("qvjtrenderer: output device lost (%s); retrying until it is back\n", strWhy.c_str());
+    L.bDown = true;
+    L.bNodeMissing = false;
+    L.strLastError = strWhy;
+    m_bOutputDown = true;
+    m_alarmDispatcher.set_output_down(true);
+}
+
+void qv_renderer::restart_playout(loop_state& L, const char* pReason, bool bDeviceFault)
+{
+    m_reporter.note_restart(pReason);
+    m_alarmDispatcher.restart_event();
+    {
+        std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+        ++m_statistics.m_nFifoResetCount;
+        m_statistics.nSeqFromDevice = 0;
+    }
+    m_state = qv_stop_state;
+    L.bStarted = false;
+    L.bSeqBase = false;
+    L.nQueued = 0;
+    L.bFailing = false;
+    L.bDraining = false;
+
+    const auto now = steady::now();
+    if (bDeviceFault && now - L.tLastOpen < k_reopen_interval) {
+        // It failed again right after being reopened: reopening at once would
+        // only repeat that many times a second.
+        close_devices();
+        enter_down(L, pReason);
+        return;
+    }
+    L.tLastOpen = now;
+    if (!reset())
+        enter_down(L, "it could not be reopened");
+}
+
+void qv_renderer::try_recover(loop_state& L)
+{
+    if (!node_present(m_cfg.strV4l2Name)) {
+        L.bNodeMissing = true;
+        return;
+    }
+    // A node that just came back is opened at once; one that is there but
+    // refused is retried after the back-off.
+    const auto now = steady::now();
+    if (!L.bNodeMissing && now - L.tLastOpen < k_reopen_interval)
+        return;
+    L.bNodeMissing = false;
+    L.tLastOpen = now;
+
+    std::string strError;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_cs);
+        close_devices();
+        // What came in while there was no device would only delay the return.
+        m_fifo.reset();
+        m_time_starter.reset();
+        if (!open_devices(strError)) {
+            if (strError != L.strLastError)
+                g_print("qvjtrenderer: output device still unavailable: %s\n", strError.c_str());
+            L.strLastError = strError;
+            return;
         }
-        if (bLocked && nHWCorrection != 0) {
-            if (nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(nHWCorrection)) >= nIndex)
+    }
+    g_print("qvjtrenderer: output device back\n");
+    L.bDown = false;
+    L.strLastError.clear();
+    m_bOutputDown = false;
+    m_alarmDispatcher.set_output_down(false);
+}
+
+bool qv_renderer::preroll_done(loop_state& L)
+{
+    const qv_video_fifo& vf = m_fifo.m_video_fifo;
+    bool bEmpty;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_fifo.m_csFifo);
+        bEmpty = vf.queued() == 0;
+    }
+    if (m_bEos && !m_bEosPosted && bEmpty) {
+        // The stream ended with nothing (more) to play.
+        finish_eos(L);
+        return false;
+    }
+    const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
+    // At the end of a stream there is no more to wait for: play what is there.
+    if (nBuffered < m_nLatency && !(m_bEos && !m_bEosPosted)) {
+        m_fifo.check_audio_fifo_fullness(m_nLatency);
+        return false;
+    }
+    const int64_t s = m_fifo.start();
+    L.nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
+    L.bSeqBase = false;
+    return true;
+}
+
+bool qv_renderer::acquire_buffer(loop_state& L, uint32_t& nSeq)
+{
+    qv_v4l2_base_output_device& dev = L.bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
+                                                 : static_cast<qv_v4l2_base_output_device&>(m_video_device);
+    const bool bOk = L.bComplex ? m_mpln_device.can_render(nSeq) : m_video_device.map_image(nSeq, L.deviceImage);
+    if (bOk) {
+        L.bFailing = false;
+        return true;
+    }
+    // A bounded wait that ran out is no fault: the board simply has not sent
+    // a frame yet (a stalled clock, or a test that steps it).
+    if (dev.timed_out())
+        return false;
+    if (!L.bFailing)
+        g_print(L.bComplex ? "qv_jt_renderer: device is not ready for next frame\n"
+                           : "qv_jt_renderer: can't map buffer from device\n");
+    L.bFailing = true;
+    return false;
+}
+
+int qv_renderer::fetch_frame(loop_state& L, uint32_t nIndex)
+{
+    if (m_cfg.bUseVBI) {
+        L.vbiBytes.clear();
+        L.timecode = qv_timecode{};
+        return m_fifo.map_next_data_vbi(nIndex, L.image, L.sound, L.vbiBytes, &L.timecode);
+    }
+    L.teletext.clear();
+    L.scte104.clear();
+    return m_fifo.map_next_data(nIndex, L.image, L.sound, L.teletext, L.scte104);
+}
+
+bool qv_renderer::output_frame(loop_state& L)
+{
+    if (L.bComplex) {
+        if (m_cfg.bUseVBI) {
+            m_mpln_device.push_vbi(L.vbiBytes.data(), L.vbiBytes.size());
+            if (L.timecode.bValid)
+                m_mpln_device.set_timecode(L.timecode);
+        } else {
+            clear_vbi_area(L.vbi);
+            m_mpln_device.init_vbi(L.vbi);
+            if (!L.teletext.empty() && L.vbi.m_bValid)
+                write_teletext_to_vbi(L.teletext, L.vbi);
+            if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
+                write_scte104_to_vbi(L.scte104, L.vbi);
+            m_mpln_device.finish_vbi(L.vbi);
+        }
+        m_mpln_device.push_audio(L.sound);
+        m_mpln_device.push_image(L.image);
+        return m_mpln_device.send_data();
+    }
+
+    L.image.copyTo(L.deviceImage);
+    if (m_video_device.is_vbi_open()) {
+        clear_vbi_area(L.vbi);
+        if (m_cfg.bUseVBI) {
+            if (m_video_device.map_vbi(L.vbi))
+                write_vbi_to_vbi(L.vbiBytes, L.vbi);
+        } else {
+            if (!m_video_device.map_vbi(L.vbi))
+                g_print("qv_jt_renderer: can't map vbi buffer from device\n");
+            if (!L.teletext.empty() && L.vbi.m_bValid)
+                write_teletext_to_vbi(L.teletext, L.vbi);
+            if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
+                write_scte104_to_vbi(L.scte104, L.vbi);
+        }
+        m_video_device.unmap_vbi();
+    }
+    if (m_cfg.bUseVBI && L.timecode.bValid)
+        m_video_device.set_timecode(L.timecode);
+    return m_video_device.unmap_image();
+}
+
+void qv_renderer::start_device_when_primed(loop_state& L)
+{
+    if (m_state != qv_stop_state)
+        return;
+    // Streaming starts with the first frame queued; the rest of the ring is
+    // lent buffers that the next passes fill at once, long before the board's
+    // second slot.
+    if (L.nQueued == 0)
+        return;
+    g_print("qvjtrenderer: start device\n");
+    if (L.bComplex) {
+        // A failed start shows in the next buffer requests, which restart the device.
+        if (m_mpln_device.is_open() && !m_mpln_device.start_device())
+            g_print("qv_jt_renderer: can't start video device\n");
+    } else {
+        if (m_audio_device.is_open())
+            m_audio_device.start_device();
+        if (m_video_device.is_open())
+            m_video_device.start_device();
+    }
+    m_state = qv_run_state;
+}
+
+void qv_renderer::finish_eos(loop_state& L)
+{
+    L.bDraining = false;
+    m_bEosPosted = true;
+    g_print("qvjtrenderer: end of stream\n");
+    GstElement* pElement = GST_ELEMENT(m_pElement);
+    GstMessage* pMsg = gst_message_new_eos(GST_OBJECT(pElement));
+    {
+        std::lock_guard<std::mutex> lock(m_csEos);
+        if (m_nEosSeqnum != 0)
+            gst_message_set_seqnum(pMsg, m_nEosSeqnum);
+    }
+    gst_element_post_message(pElement, pMsg);
+    // Back to waiting for input, with the device stopped rather than underrunning.
+    m_state = qv_stop_state;
+    L.bStarted = false;
+    L.bSeqBase = false;
+    L.nQueued = 0;
+    L.tLastOpen = steady::now();
+    if (!reset())
+        enter_down(L, "it could not be reopened");
+}
+
+void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
+{
+    loop_state L(bComplex);
+    const bool bNoBoard = m_cfg.strV4l2Name.empty();
+    qv_v4l2_base_output_device& dev = bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
+                                               : static_cast<qv_v4l2_base_output_device&>(m_video_device);
+
+    for (;;) {
+        const bool bIdle = L.bDown || L.bDraining || bNoBoard;
+        if (exit.wait_for(bIdle ? std::chrono::milliseconds(k_idle_wait) : std::chrono::milliseconds(1)) ==
+            std::future_status::ready)
+            break;
+        const auto now = steady::now();
+        {
+            std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+            m_statistics.m_nSystemTime =
+                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - L.tStart).count());
+        }
+        if (bNoBoard) {
+            // Nothing to play to: the inputs are still watched.
+            account_idle_slots(L);
+            continue;
+        }
+        if (L.bDown) {
+            account_idle_slots(L);
+            try_recover(L);
+            continue;
+        }
+        if (L.bDraining) {
+            account_idle_slots(L);
+            if (now >= L.tDrainEnd)
+                finish_eos(L);
+            continue;
+        }
+        if (m_bFlush.exchange(false)) {
+            L.tLastOpen = now;
+            m_state = qv_stop_state;
+            L.bStarted = false;
+            L.nQueued = 0;
+            if (!reset())
+                enter_down(L, "it could not be reopened");
+            continue;
+        }
+        if (m_fifo.m_state != fifo_ok) {
+            restart_playout(L, m_fifo.m_state == fifo_underflow ? "a FIFO underflow" : "a FIFO overflow", false);
+            continue;
+        }
+        if (!L.bStarted) {
+            account_idle_slots(L);
+            if (!preroll_done(L))
+                continue;
+        }
+        if (m_state == qv_run_state && now - L.tWatchdog > k_watchdog_interval) {
+            L.tWatchdog = now;
+            dev.check_watchdog();
+        }
+
+        uint32_t nSeq = 0;
+        if (!acquire_buffer(L, nSeq)) {
+            L.bStarted = true;
+            account_idle_slots(L);
+            if (dev.needs_restart() || !dev.is_open())
+                restart_playout(L, "an output device failure", true);
+            continue;
+        }
+        L.bStarted = true;
+        // The device numbers its frames its own way (from 0 or from 1, lent
+        // buffers included): only the distance from the first one counts.
+        if (!L.bSeqBase) {
+            L.bSeqBase = true;
+            L.nSeqBase = nSeq;
+        }
+        uint32_t nIndex = L.nStartIndex + (nSeq - L.nSeqBase);
+
+        if (bComplex && m_bUseHWLock && now - L.tLastLock > k_hwlock_interval) {
+            L.tLastLock = now;
+            L.bLocked = tryHWLock(nIndex, L.nHWCorrection);
+        }
+        if (bComplex && L.bLocked && L.nHWCorrection != 0) {
+            if (L.nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(L.nHWCorrection)) >= nIndex)
                 nIndex = 0;
             else
-                nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + nHWCorrection);
+                nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + L.nHWCorrection);
         }
 
-        if (m_bUseVBI) {
-            vbiBytes.clear();
-            timecode = qv_timecode{};
-            if (m_fifo.map_next_data_vbi(nIndex, image, sound, vbiBytes, &timecode) != 0) {
-                reset_sequence(bStarted);
+        if (fetch_frame(L, nIndex) != 0) {
+            if (m_bEos && !m_bEosPosted) {
+                // Everything queued has been handed over; what the device
+                // still holds goes out within one ring of frames.
+                const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
+                L.bDraining = true;
+                L.tDrainEnd = steady::now() + (ring_frames(bComplex) + 1) * period;
                 continue;
             }
-            m_mpln_device.push_vbi(vbiBytes.data(), vbiBytes.size());
-            if (timecode.bValid)
-                m_mpln_device.set_timecode(timecode);
-        } else {
-            teletext.clear();
-            scte104.clear();
-            if (m_fifo.map_next_data(nIndex, image, sound, teletext, scte104) != 0) {
-                reset_sequence(bStarted);
-                continue;
-            }
-            clear_vbi_area(vbi);
-            m_mpln_device.init_vbi(vbi);
-            if (!teletext.empty() && vbi.m_bValid)
-                write_teletext_to_vbi(teletext, vbi);
-            if (!scte104.empty() && vbi.m_bValid && !m_linesSCTE104.empty())
-                write_scte104_to_vbi(scte104, vbi);
-            m_mpln_device.finish_vbi(vbi);
+            restart_playout(L, "a FIFO underflow", false);
+            continue;
         }
-        m_mpln_device.push_audio(sound);
-        m_mpln_device.push_image(image);
-        m_mpln_device.send_data();
+        if (!output_frame(L)) {
+            if (dev.needs_restart())
+                restart_playout(L, "an output device failure", true);
+            continue;
+        }
         m_alarmDispatcher.frame_event();
+        L.tSlotsCounted = steady::now();
+        ++L.nQueued;
 
-        if (m_state == qv_stop_state) {
-            g_print("qvjtrenderer: start device\n");
-            // A failed start is not retried: the next reset restarts the device.
-            if (m_mpln_device.is_open() && !m_mpln_device.start_device())
-                g_print("qv_jt_renderer: can't start video device\n");
-            m_state = qv_run_state;
+        if (!bComplex && m_audio_device.is_open() && !m_audio_device.write(L.sound)) {
+            restart_playout(L, "an ALSA write failure", true);
+            continue;
         }
+        start_device_when_primed(L);
     }
 
     std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (m_mpln_device.is_open())
-        m_mpln_device.stop_device();
+    if (bComplex) {
+        if (m_mpln_device.is_open())
+            m_mpln_device.stop_device();
+    } else {
+        if (m_video_device.is_open())
+            m_video_device.stop_device();
+        if (m_audio_device.is_open())
+            m_audio_device.stop_device();
+    }
     g_print("qv_jt_renderer: stop renderer thread\n");
     m_state = qv_stop_state;
 }

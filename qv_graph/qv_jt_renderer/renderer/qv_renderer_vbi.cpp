@@ -5,22 +5,42 @@
 #include <algorithm>
 #include <cstring>
 
+namespace {
+
+// Byte offset of a row of the area, or false when the whole row does not lie
+// inside it: no property value and no input may make a write leave the area.
+bool row_offset(const qv_vbi_data& vbi, size_t nRow, size_t& nOffset)
+{
+    if (!vbi.m_bValid || vbi.m_pData == nullptr || vbi.m_nStride == 0)
+        return false;
+    if (nRow >= vbi.m_nLines[0] + vbi.m_nLines[1] || nRow >= vbi.m_nSize / vbi.m_nStride)
+        return false;
+    nOffset = nRow * vbi.m_nStride;
+    return true;
+}
+
+} // namespace
+
 void qv_renderer::write_teletext_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
 {
+    // The encoder never hands out a line beyond the area's own line counts.
+    if (vbi.m_bValid)
+        m_teletext_encoder.set_area(vbi.m_nLines[0], vbi.m_nLines[1]);
     const int nLines = m_teletext_encoder.next_data(data.data(), data.size());
     for (int i = 0; i < nLines; ++i) {
         bool bFirstField = true;
         int nLine = 0;
-        if (!m_teletext_encoder.get_line_info(i, bFirstField, nLine) || nLine <= 0)
+        if (!m_teletext_encoder.get_line_info(i, bFirstField, nLine) || nLine <= 0 || nLine > 1024)
             continue;
         uint16_t* pTarget = nullptr;
-        if (vbi.m_bValid) {
-            const size_t row = bFirstField ? static_cast<size_t>(nLine - 1)
-                                           : static_cast<size_t>(nLine - 1) + vbi.m_nLines[0];
-            vbi.m_bUsed[bFirstField ? 0 : 1][nLine - 1] = true;
-            pTarget = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(vbi.m_pData) + row * vbi.m_nStride);
+        const size_t nFieldRow = static_cast<size_t>(nLine - 1);
+        const size_t nRow = bFirstField ? nFieldRow : nFieldRow + vbi.m_nLines[0];
+        size_t nOffset = 0;
+        if (nFieldRow < vbi.m_nLines[bFirstField ? 0 : 1] && row_offset(vbi, nRow, nOffset)) {
+            vbi.m_bUsed[bFirstField ? 0 : 1][nFieldRow] = true;
+            pTarget = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(vbi.m_pData) + nOffset);
         }
-        m_teletext_encoder.encode_line(i, pTarget);
+        m_teletext_encoder.encode_line(i, pTarget, vbi.m_nStride / 4);
     }
 }
 
@@ -32,9 +52,12 @@ void qv_renderer::write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_
     for (size_t k = 0; k < packets.size() && k < m_linesSCTE104.size(); ++k) {
         const uint32_t n = m_linesSCTE104[k];
         uint16_t* pTarget = nullptr;
-        if (vbi.m_bValid && n < 1024) {
+        size_t nOffset = 0;
+        if (n < vbi.m_nLines[0] && n < 1024 && row_offset(vbi, n, nOffset)) {
             vbi.m_bUsed[0][n] = true;
-            pTarget = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(vbi.m_pData) + n * vbi.m_nStride);
+            pTarget = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(vbi.m_pData) + nOffset);
+        } else if (vbi.m_bValid) {
+            m_scte104_encoder.report_line_outside(n, vbi.m_nLines[0]);
         }
         m_scte104_encoder.convert(packets[k], pTarget, nRow);
     }

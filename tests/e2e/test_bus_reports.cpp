@@ -1,0 +1,128 @@
+// What goes wrong on the way out reaches the application's bus as warnings,
+// beside the periodic statistics messages, for an application that watches
+// only its bus (gst-launch-1.0 -m, bindings).
+#include "fault_driver.h"
+#include "qv_renderer.h"
+
+#include <chrono>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using qvboardsim::NodeKind;
+using qvboardsim::Simulator;
+
+enum class Trouble { dropped_frames, starved_input, device_gone };
+
+struct Case {
+    const char* name;
+    Trouble trouble;
+    std::vector<std::string> texts; // every one must appear in some warning
+};
+
+void PrintTo(const Case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class BusReports : public FaultDriverTest, public ::testing::WithParamInterface<Case> {
+protected:
+    void SetUp() override { m_pBus = gst_bus_new(); }
+    void TearDown() override
+    {
+        FaultDriverTest::TearDown();
+        gst_object_unref(m_pBus);
+    }
+
+    // Takes what the bus holds; the reporter compares its counters once a
+    // second, so the wait is bounded by a few of its periods.
+    void drain(int wait_ms)
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+        while (std::chrono::steady_clock::now() < end) {
+            GstMessage* msg = gst_bus_timed_pop(m_pBus, 50 * GST_MSECOND);
+            if (!msg)
+                continue;
+            if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_WARNING) {
+                GError* err = nullptr;
+                gst_message_parse_warning(msg, &err, nullptr);
+                m_warnings.push_back(err->message);
+                g_error_free(err);
+            } else if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ELEMENT &&
+                       gst_structure_has_name(gst_message_get_structure(msg), "qvjtrenderer-stats")) {
+                ++m_nStats;
+            }
+            gst_message_unref(msg);
+        }
+    }
+
+    bool warned(const std::string& text) const
+    {
+        for (const auto& w : m_warnings)
+            if (w.find(text) != std::string::npos)
+                return true;
+        return false;
+    }
+
+    GstBus* m_pBus = nullptr;
+    std::vector<std::string> m_warnings;
+    int m_nStats = 0;
+};
+
+TEST_P(BusReports, TroubleOnTheWayOutBecomesAWarning)
+{
+    const Case& c = GetParam();
+    make_sd(NodeKind::single_plane, 0, [&] {
+        gst_element_set_bus(m_pElement, m_pBus);
+        g_object_set(m_pElement, "stats-interval", 100u, nullptr);
+    });
+    play();
+    ASSERT_LT(play_until_sent(20), 60) << "play-out never started";
+    drain(1500);
+    EXPECT_GT(m_nStats, 3);
+    EXPECT_TRUE(m_warnings.empty()) << m_warnings.front();
+
+    auto& sim = Simulator::instance();
+    switch (c.trouble) {
+    case Trouble::dropped_frames:
+        sim.drop_frames(m_strPath, 1, 3);
+        play_until_sent(10, 40);
+        break;
+    case Trouble::starved_input:
+        // No input while the board goes on: the FIFO runs dry.
+        for (int i = 0; i < 40; ++i) {
+            step(m_nSlots);
+            g_usleep(5000);
+        }
+        play_until_sent(10, 80);
+        break;
+    case Trouble::device_gone:
+        sim.disconnect(m_strPath);
+        for (int i = 0; i < 100 && !renderer()->output_down(); ++i) {
+            push_frame();
+            step(m_nSlots);
+            g_usleep(20000);
+        }
+        ASSERT_TRUE(renderer()->output_down());
+        drain(1500); // longer than the reporter's period: the loss is seen
+        sim.reconnect(m_strPath);
+        for (int i = 0; i < 200 && renderer()->output_down(); ++i)
+            g_usleep(5000);
+        play_until_sent(10, 60);
+        break;
+    }
+    drain(2500);
+    for (const auto& text : c.texts)
+        EXPECT_TRUE(warned(text)) << "no warning with \"" << text << "\"";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, BusReports,
+    ::testing::Values(Case{"dropped_frames", Trouble::dropped_frames, {"Output device dropped"}},
+                      Case{"starved_input", Trouble::starved_input, {"Play-out restarted after"}},
+                      Case{"device_gone", Trouble::device_gone, {"Output device lost", "Output device back"}}),
+    [](const ::testing::TestParamInfo<Case>& param) { return std::string(param.param.name); });
+
+} // namespace

@@ -1,0 +1,211 @@
+"""Helpers for the real-pipeline tests: a short MPEG-TS made with stock
+elements, the simulated board under a preloaded process, and the reading of
+what the board sent out."""
+
+import os
+import subprocess
+
+import gi
+
+gi.require_version("Gst", "1.0")
+gi.require_version("GstMpegts", "1.0")
+from gi.repository import GstMpegts, Gst  # noqa: E402
+
+FRAME_NS = 40_000_000  # 25 frames a second
+SCTE35_PID = 500
+
+# Teletext Hamming 8/4 code words of the nibbles 0 to 15.
+HAM84 = [0x15, 0x02, 0x49, 0x5E, 0x64, 0x73, 0x38, 0x2F, 0xD0, 0xC7, 0x8C, 0x9B, 0xA1, 0xB6, 0xFD, 0xEA]
+
+
+def odd_parity(c):
+    return c | (0x80 if bin(c).count("1") % 2 == 0 else 0)
+
+
+def reverse_bits(b):
+    return int(f"{b:08b}"[::-1], 2)
+
+
+def teletext_packet(frame, row):
+    """42 bytes of a teletext packet (magazine 1) in transmission byte order:
+    its text names the frame and row so that a decoded line identifies itself."""
+    text = f"QV frame {frame:05d} row {row:02d}".ljust(40)[:40]
+    return bytes([HAM84[1 | (row & 1) << 3], HAM84[row >> 1]] + [odd_parity(ord(c)) for c in text])
+
+
+def teletext_pes(frame, units):
+    """PES data field: data_identifier, then one EBU data unit per (field, line, row)."""
+    data = bytearray([0x10])
+    for first_field, line, row in units:
+        data += bytes([0x02, 0x2C, 0xC0 | (0x20 if first_field else 0) | line, reverse_bits(0x27)])
+        data += bytes(reverse_bits(b) for b in teletext_packet(frame, row))
+    return bytes(data)
+
+
+def luma_of(frame):
+    """The flat luma of input picture `frame`; survives MPEG-2 coding within +-3."""
+    return 32 + (frame * 8) % 192
+
+
+def frame_of_luma(luma, near):
+    """The input frame with this luma that is nearest to `near`."""
+    best = None
+    for f in range(max(0, near - 24), near + 25):
+        d = abs(luma_of(f) - luma)
+        if d <= 3 and (best is None or abs(f - near) < abs(best - near)):
+            best = f
+    return best
+
+
+def build_ts(path, width, height, frames, teletext_units, cues):
+    """Writes `frames` frames of 25i video (MPEG-2, interlaced coding), MP2 audio, DVB teletext
+    (one PES a frame from teletext_units(frame)) and SCTE-35 splice_insert
+    cues [(event_id, splice running time ns)] on their own PID."""
+    Gst.init(None)
+    GstMpegts.initialize()
+    desc = (
+        f"mpegtsmux name=mux scte-35-pid={SCTE35_PID} alignment=7 ! filesink location={path} "
+        f"appsrc name=vsrc format=time caps=video/x-raw,format=I420,width={width},height={height},"
+        "framerate=25/1,pixel-aspect-ratio=1/1,interlace-mode=interleaved,field-order=top-field-first "
+        "! mpeg2enc format=3 interlace-mode=1 bitrate=8000 constraints=false disable-encode-retries=true "
+        "! mpegvideoparse ! mux. "
+        f"audiotestsrc num-buffers={frames * 2} samplesperbuffer=960 freq=1000 volume=0.5 "
+        "! audio/x-raw,rate=48000,channels=2 ! avenc_mp2 bitrate=192000 ! mpegaudioparse ! mux. "
+        "appsrc name=tsrc format=time caps=application/x-teletext ! mux.")
+    pipe = Gst.parse_launch(desc)
+    vsrc = pipe.get_by_name("vsrc")
+    tsrc = pipe.get_by_name("tsrc")
+    mux = pipe.get_by_name("mux")
+    pending = sorted(cues, key=lambda c: c[1])
+
+    def send_cues(pad, info):
+        # A cue goes into the stream 1.5 s ahead of its splice, once the muxer
+        # has the pictures of that moment (an earlier section would come
+        # before the tables that let a demuxer place it).
+        pts = info.get_buffer().pts
+        while pending and pts + 1_500_000_000 >= pending[0][1]:
+            ev_id, t = pending.pop(0)
+            sit = GstMpegts.scte_splice_out_new(ev_id, t, 30 * 90000)
+            sit.is_running_time = True
+            GstMpegts.Section.from_scte_sit(sit, SCTE35_PID).send_event(mux)
+        return Gst.PadProbeReturn.OK
+
+    mux.get_static_pad("sink_65").add_probe(Gst.PadProbeType.BUFFER, send_cues)
+    pipe.set_state(Gst.State.PLAYING)
+    y = width * height
+    for f in range(frames):
+        pts = f * FRAME_NS
+        buf = Gst.Buffer.new_wrapped(bytes([luma_of(f)]) * y + bytes([128]) * (y // 2))
+        buf.pts, buf.duration = pts, FRAME_NS
+        vsrc.emit("push-buffer", buf)
+        tbuf = Gst.Buffer.new_wrapped(teletext_pes(f, teletext_units(f)))
+        tbuf.pts, tbuf.duration = pts, FRAME_NS
+        tsrc.emit("push-buffer", tbuf)
+    vsrc.emit("end-of-stream")
+    tsrc.emit("end-of-stream")
+    msg = pipe.get_bus().timed_pop_filtered(120 * Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR)
+    pipe.set_state(Gst.State.NULL)
+    if msg is None or msg.type != Gst.MessageType.EOS:
+        raise RuntimeError(f"building {path} failed: {msg.parse_error() if msg else 'timeout'}")
+    label_teletext(path)
+
+
+def crc32_mpeg(data):
+    crc = 0xFFFFFFFF
+    for b in data:
+        crc ^= b << 24
+        for _ in range(8):
+            crc = (crc << 1) ^ 0x04C11DB7 if crc & 0x80000000 else crc << 1
+            crc &= 0xFFFFFFFF
+    return crc
+
+
+def label_teletext(path):
+    """The muxer marks the teletext PID with a subtitling descriptor, which a
+    demuxer reads as DVB subtitles; a broadcast stream carries a teletext
+    descriptor (initial page 100, magazine 1). Rewrites every PMT in place."""
+    data = bytearray(open(path, "rb").read())
+    pmt_pid = None
+    for i in range(0, len(data) - 187, 188):
+        pkt = data[i:i + 188]
+        pid = (pkt[1] & 0x1F) << 8 | pkt[2]
+        if not pkt[1] & 0x40:
+            continue
+        off = 5 + pkt[4] if (pkt[3] >> 4) & 2 else 4
+        sec_at = off + 1 + pkt[off]
+        sec = pkt[sec_at:]
+        if pid == 0 and pmt_pid is None:
+            pmt_pid = (sec[10] & 0x1F) << 8 | sec[11]
+            continue
+        if pid != pmt_pid or sec[0] != 0x02:
+            continue
+        length = (sec[1] & 0x0F) << 8 | sec[2]
+        body = bytearray(sec[:3 + length - 4])
+        at = 12 + ((body[10] & 0x0F) << 8 | body[11])
+        while at < len(body):
+            es_len = (body[at + 3] & 0x0F) << 8 | body[at + 4]
+            d = at + 5
+            if body[at] == 0x06 and es_len >= 10 and body[d] == 0x59 and body[d + 1] == 8:
+                lang = bytes(body[d + 2:d + 5])
+                body[d:d + 10] = bytes([0x56, 5]) + lang + bytes([0x01 << 3 | 1, 0x00])
+                es_len -= 3
+                body[at + 3:at + 5] = bytes([0xF0 | es_len >> 8, es_len & 0xFF])
+            at += 5 + es_len
+        new_len = len(body) + 4 - 3
+        body[1:3] = bytes([(body[1] & 0xF0) | new_len >> 8, new_len & 0xFF])
+        body += crc32_mpeg(body).to_bytes(4, "big")
+        rest = 188 - sec_at
+        data[i + sec_at:i + 188] = body + b"\xff" * (rest - len(body))
+    open(path, "wb").write(data)
+
+
+def sim_env(build_dir, workdir, boards):
+    """Environment for a child process playing into the simulated boards
+    (QVBOARDSIM text), with the plug-in from the build tree, a private
+    registry, and ALSA's plughw devices answered by a null device."""
+    home = os.path.join(workdir, "home")
+    os.makedirs(home, exist_ok=True)
+    with open(os.path.join(home, ".asoundrc"), "w") as f:
+        f.write("pcm.!plughw {\n @args [ CARD DEV SUBDEV ]\n @args.CARD { type string default 0 }\n"
+                " @args.DEV { type integer default 0 }\n @args.SUBDEV { type integer default -1 }\n"
+                " type null\n}\n")
+    env = dict(os.environ)
+    env.update({
+        "HOME": home,
+        # One registry for every test run of this build: scanning the
+        # installed plug-ins takes longer than a live example runs.
+        "GST_REGISTRY": os.path.join(build_dir, "tests", "pipelines", "registry.bin"),
+        "GST_PLUGIN_PATH": os.path.join(build_dir, "qv_graph", "qv_jt_renderer"),
+        "LD_PRELOAD": os.path.join(build_dir, "tools", "board_sim", "libqvboardsim.so"),
+        "QVBOARDSIM": boards,
+    })
+    env.pop("QVBOARDSIM_CONFIG", None)
+    return env
+
+
+def read_capture(build_dir, capture):
+    """What the board sent, from the checker: a dict per record, and the
+    embedded audio's {"longest_quiet": samples, "total": samples}."""
+    tool = os.path.join(build_dir, "tests", "pipelines", "qvcap-check")
+    out = subprocess.run([tool, capture], check=True, capture_output=True, text=True, timeout=120).stdout
+    frames = []
+    audio = {"longest_quiet": -1, "total": 0}
+    for line in out.splitlines():
+        parts = line.split()
+        if parts and parts[0] == "audio":
+            audio = {k: int(v) for k, v in (p.split("=") for p in parts[1:])}
+        if not parts or parts[0] != "frame":
+            continue
+        rec = {"teletext": [], "anc": [], "audio": None}
+        for p in parts[1:]:
+            key, _, val = p.partition("=")
+            if key == "ttx":  # field:line:text (text with '_' for blanks)
+                fl, ln, txt = val.split(":", 2)
+                rec["teletext"].append((int(fl), int(ln), txt.replace("_", " ")))
+            elif key == "anc":  # line:did:sdid:payload hex
+                ln, did, sdid, payload = val.split(":")
+                rec["anc"].append((int(ln), int(did, 16), int(sdid, 16), bytes.fromhex(payload)))
+            elif key in ("index", "seq", "luma", "zeros", "samples"):
+                rec[key] = int(val)
+        frames.append(rec)
+    return frames, audio
