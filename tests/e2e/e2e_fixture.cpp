@@ -2,9 +2,6 @@
 
 #include "qv_base_statistics.h"
 
-#include <chrono>
-#include <thread>
-
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration)
 {
     const gsize size = static_cast<gsize>(width) * height * 2;
@@ -67,17 +64,6 @@ void PlayoutTest::stop()
         gst_element_set_state(m_pElement, GST_STATE_NULL);
 }
 
-bool PlayoutTest::wait_sent(uint64_t n, int timeout_ms)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (std::chrono::steady_clock::now() < end) {
-        if (qvboardsim::Simulator::instance().frames_sent(m_strPath) >= n)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-
 std::vector<qvboardsim::CapturedFrame> PlayoutTest::captured()
 {
     return qvboardsim::Simulator::instance().captured(m_strPath);
@@ -91,15 +77,6 @@ std::string PlayoutTest::stat(const std::string& name)
         if (n == name)
             return v;
     return "<missing " + name + ">";
-}
-
-void PlayoutTest::feed_live(int n, GstClockTime period, const std::function<void(int)>& push)
-{
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < n; ++i) {
-        std::this_thread::sleep_until(start + std::chrono::nanoseconds(i * period));
-        push(i);
-    }
 }
 
 void PlayoutTest::TearDown()

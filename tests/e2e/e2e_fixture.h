@@ -25,12 +25,8 @@ protected:
     GstHarness* harness(const char* pad, const char* caps);
     void play();
     void stop();
-    // Waits (bounded) until the board has sent n frames or buffers.
-    bool wait_sent(uint64_t n, int timeout_ms = 10000);
     std::vector<qvboardsim::CapturedFrame> captured();
     std::string stat(const std::string& name);
-    // Calls push(i) for i = 0..n-1 at the pace of a live source (frame i at start + i x period).
-    void feed_live(int n, GstClockTime period, const std::function<void(int)>& push);
 
     std::string m_strPath;
     GstElement* m_pElement = nullptr;

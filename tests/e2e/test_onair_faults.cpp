@@ -6,6 +6,7 @@
 #include "qv_renderer.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -68,7 +69,9 @@ TEST_P(FaultMatrix, PlayOutContinuesOrComesBackAndTheElementStops)
         sim.disconnect(m_strPath);
         // The input stays live while the node is away. The loss itself is
         // reported (a burst of lines); after that the console stays quiet.
-        const int ms = c.fault == Fault::gone_2s ? 2000 : 500;
+        // QVJT_GONE_MS stretches the long gap for a one-off measurement (e.g. 30000).
+        const char* pGone = std::getenv("QVJT_GONE_MS");
+        const int ms = c.fault == Fault::gone_2s ? (pGone ? std::atoi(pGone) : 2000) : 500;
         std::unique_ptr<ConsoleLineCounter> lines;
         for (int i = 0; i < ms / 40; ++i) {
             if (!lines && renderer()->output_down())

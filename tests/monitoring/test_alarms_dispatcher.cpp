@@ -82,13 +82,37 @@ TEST(AlarmsDispatcher, RestartHoldsThenClears)
     d.set_alarm_manager(&m);
     d.start(false, false, false, false);
     d.restart_event();
-    frames(d, 200);
+    frames(d, 20);
     d.restart_event(); // a second restart re-arms the hold
-    frames(d, 249);
+    frames(d, 24);
     EXPECT_TRUE(d.is_raised(qv_alarms_dispatcher::al_restart));
     d.frame_event();
     EXPECT_FALSE(d.is_raised(qv_alarms_dispatcher::al_restart));
     EXPECT_EQ(m.log, (std::vector<std::string>{"+playout-restart@", "-playout-restart@"}));
+}
+
+// While the output device is lost nothing goes out: silence is counted in
+// slots gone by, and the restart alarm holds until frames flow again.
+TEST(AlarmsDispatcher, SilenceCountsSlotsAndRestartHoldsWhileTheDeviceIsLost)
+{
+    qv_alarms_dispatcher d;
+    recording_manager m(100);
+    d.set_alarm_manager(&m);
+    d.start(true, false, false, false);
+    d.set_output_down(true);
+    d.slots_elapsed(100);
+    EXPECT_FALSE(d.is_raised(qv_alarms_dispatcher::al_no_video));
+    d.slots_elapsed(1);
+    EXPECT_TRUE(d.is_raised(qv_alarms_dispatcher::al_no_video));
+    d.video_event();
+    frames(d, 5); // frames handed while the device is still marked lost do not end the hold
+    d.set_output_down(false);
+    frames(d, 24);
+    EXPECT_TRUE(d.is_raised(qv_alarms_dispatcher::al_restart));
+    d.frame_event();
+    EXPECT_FALSE(d.is_raised(qv_alarms_dispatcher::al_restart));
+    EXPECT_EQ(m.log, (std::vector<std::string>{"+playout-restart@", "+no-video@", "-no-video@",
+                                               "-playout-restart@"}));
 }
 
 } // namespace

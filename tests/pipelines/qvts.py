@@ -110,6 +110,17 @@ def build_ts(path, width, height, frames, teletext_units, cues):
     label_teletext(path)
 
 
+def have_elements():
+    """True when the stock elements the tests build and play streams with are installed."""
+    Gst.init(None)
+    need = ["mpeg2enc", "mpegtsmux", "tsdemux", "mpegvideoparse", "avdec_mpeg2video", "avenc_mp2",
+            "mpegaudioparse", "avdec_mp2float", "appsrc", "audiotestsrc", "audioconvert", "videotestsrc"]
+    missing = [n for n in need if Gst.ElementFactory.find(n) is None]
+    if missing:
+        print("missing stock elements: " + ", ".join(missing))
+    return not missing
+
+
 def crc32_mpeg(data):
     crc = 0xFFFFFFFF
     for b in data:

@@ -88,12 +88,4 @@ TEST(LineMapText, MalformedTextLeavesTheTableAlone)
     }
 }
 
-TEST(LineMapText, SecondFieldNumberingFollowsTheRaster)
-{
-    EXPECT_EQ(qv_line_geometry_for(576, 25.0f, false).nSecondField, 314u);
-    EXPECT_EQ(qv_line_geometry_for(480, 29.97f, false).nSecondField, 264u);
-    EXPECT_EQ(qv_line_geometry_for(1080, 30.0f, false).nSecondField, 564u);
-    EXPECT_EQ(qv_line_geometry_for(720, 50.0f, true).nSecondField, 0u);
-}
-
 } // namespace

@@ -146,17 +146,6 @@ def check(variant, frames, result):
     return failures
 
 
-def have_elements():
-    from gi.repository import Gst
-    Gst.init(None)
-    need = ["mpeg2enc", "mpegtsmux", "tsdemux", "mpegvideoparse", "avdec_mpeg2video", "avenc_mp2",
-            "mpegaudioparse", "avdec_mp2float", "appsrc", "audiotestsrc", "audioconvert"]
-    missing = [n for n in need if Gst.ElementFactory.find(n) is None]
-    if missing:
-        print("missing stock elements: " + ", ".join(missing))
-    return not missing
-
-
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build-dir", required=True)
@@ -166,7 +155,7 @@ def main():
     args = ap.parse_args()
     if args.play:
         return play(args)
-    if not have_elements():
+    if not qvts.have_elements():
         return SKIP
 
     failed = False

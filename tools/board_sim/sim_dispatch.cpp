@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
 
@@ -342,6 +343,20 @@ int qvbs_poll(struct pollfd* fds, unsigned long n, long long timeout_ns)
             if (slice > left)
                 slice = left;
             wait_ms = slice <= 0 ? 0 : int((slice + 999999) / 1000000);
+        }
+        bool any_real = false;
+        for (unsigned long i = 0; i < n; ++i)
+            any_real = any_real || real_fds[i].fd >= 0;
+        if (!any_real) {
+            // Only simulated nodes: wait on the board's own signal, so that a
+            // step or a queued buffer wakes the caller at once.
+            if (wait_ms > 0) {
+                std::unique_lock<std::mutex> lock(r.mu);
+                r.cv.wait_for(lock, std::chrono::milliseconds(wait_ms));
+            }
+            if (ready || left <= 0)
+                return ready;
+            continue;
         }
         int res = real::poll(real_fds.data(), n, wait_ms);
         if (res < 0)

@@ -164,12 +164,12 @@ GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
         [&](qv_renderer& renderer, const qv_buffer_map& map) {
             const size_t need = bytes_needed(vc);
             if (map.size() < need) {
-                // The conversion would read past the buffer: refuse it, and
-                // keep the stream going on the pictures already queued.
+                // The conversion would read past the buffer: refuse it as
+                // unusable input. Pictures already queued still play out.
                 g_print("qv_jt_renderer: video buffer of %zu bytes is smaller than the %zu bytes of a %dx%d "
-                        "picture in its caps: dropped\n",
+                        "picture in its caps: refused\n",
                         static_cast<size_t>(map.size()), need, vc.width, vc.height);
-                return GST_FLOW_OK;
+                return GST_FLOW_ERROR;
             }
             QVSDK::QVAspectRatio par(1, 1);
             if (vc.par_n != 0 && vc.par_d != 0)

@@ -134,7 +134,7 @@ void qv_fifo_engine::dealloc_fifo()
 
 void qv_fifo_engine::reset()
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     m_video_fifo.reset();
     for (qv_audio_fifo& line : m_audio_fifo)
         line.clear();
@@ -151,7 +151,7 @@ void qv_fifo_engine::reset()
 
 int64_t qv_fifo_engine::start()
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     int64_t result = -1;
     if (!m_video_fifo.m_video_fifo.empty()) {
         const int64_t first = m_video_fifo.m_video_fifo.front()->index;
@@ -172,7 +172,7 @@ void qv_fifo_engine::add_target(const target_fn& target)
 int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, uint64_t ptsSystemTime,
                                     const QVImage& image, unsigned long hw_time, uint64_t runningTime)
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (ptsStart == QV_TIME_NONE) {
         g_print("qvjtrenderer: add_video_frame GST_CLOCK_TIME_NONE == ptsStart!\n");
         return 1;
@@ -197,7 +197,7 @@ int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_
 bool qv_fifo_engine::add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsSystemTime,
                                      const QVSound& frame)
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (ptsStart == QV_TIME_NONE) {
         g_print("qvjtrenderer: add_audio_frame[%d] GST_CLOCK_TIME_NONE == ptsStart!\n", static_cast<int>(nIndex));
         return true;
@@ -224,7 +224,7 @@ bool qv_fifo_engine::add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_
 
 int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size)
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (ptsStart != 0 && ptsStart != QV_TIME_NONE) {
         if (m_was_start)
             update_time(ptsStart, ptsStop);
@@ -239,7 +239,7 @@ int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* 
 {
     if (pData == nullptr || size == 0)
         return 0;
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (ptsStart != 0 && ptsStart != QV_TIME_NONE) {
         if (m_was_start)
             update_time(ptsStart, ptsStop);
@@ -252,7 +252,7 @@ int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* 
 int qv_fifo_engine::add_subtitle_frame(uint64_t /*pts*/, uint8_t* /*pData*/, size_t /*size*/)
 {
     // Subtitles are accepted and discarded.
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     return 1;
 }
 
@@ -260,7 +260,7 @@ int qv_fifo_engine::add_scte104_frame(uint8_t* pData, size_t size)
 {
     if (pData == nullptr || size == 0)
         return 0;
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     long nowPts = 0;
     if (!scte_now_pts(nowPts))
         return 1;
@@ -275,7 +275,7 @@ int qv_fifo_engine::add_scte35_frame(uint8_t* pData, size_t size)
     const size_t pointer = pData[0];
     if (size < pointer)
         return 0;
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     // A section that ends at its pointer field has nothing to parse: malformed, dropped.
     if (size < pointer + 1)
         return 1;
@@ -290,7 +290,7 @@ int qv_fifo_engine::add_scte35_section(const uint8_t* pSection, size_t size, uin
 {
     if (pSection == nullptr || size == 0)
         return 0;
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (nEventId != 0 && nEventId == m_nLastScte35Event)
         return 1;
     m_nLastScte35Event = nEventId;
@@ -361,7 +361,7 @@ int qv_fifo_engine::queue_scte35_as_scte104(const uint8_t* pSection, size_t nLen
 int qv_fifo_engine::map_next_frame(unsigned frame, QVImage& image, QVSound& sound, std::vector<uint8_t>* pTeletext,
                                    std::vector<uint8_t>* pScte104, std::vector<uint8_t>* pVbi, qv_timecode* tc)
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     const qv_fifo_state state = m_state;
     if (state != fifo_ok)
         return state;
@@ -391,7 +391,7 @@ int qv_fifo_engine::map_next_data_vbi(unsigned frame, QVImage& image, QVSound& s
 
 bool qv_fifo_engine::map_video_audio(unsigned frame, QVImage& image, QVSound& sound)
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (!m_video_fifo.map_image(frame, image))
         return false;
     const size_t lines = m_audio_fifo.size();
@@ -417,7 +417,7 @@ void qv_fifo_engine::check_audio_fifo_fullness(unsigned latencyMs)
 {
     // The render thread calls this during pre-roll while the audio pads are
     // already adding: it moves the same read positions, so it takes the lock too.
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     for (qv_audio_fifo& line : m_audio_fifo)
         line.check_fifo_fullness(static_cast<int>(latencyMs));
 }
@@ -506,6 +506,6 @@ void qv_fifo_engine::set_state(const qv_fifo_state& state, const std::string& re
 
 std::vector<qv_fifo_item_stat> qv_fifo_engine::getHWstat()
 {
-    std::lock_guard<std::recursive_mutex> lock(m_csFifo);
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     return m_video_fifo.getHWstat();
 }

@@ -11,6 +11,7 @@
 #include "QVPLL.h"
 #include "qv_alarms_dispatcher.h"
 #include "qv_audio_fifo.h"
+#include "qv_pi_mutex.h"
 #include "qv_renderer_statistics.h"
 #include "qv_template_fifo.h"
 #include "qv_types.h"
@@ -99,7 +100,7 @@ public:
 
     std::list<target_fn> m_listTargets;
 
-    std::recursive_mutex m_csFifo;
+    qv_pi_recursive_mutex m_csFifo; // shared with the real-time render thread: inherits its priority
     // Everything below guarded by m_csFifo. m_state is atomic because the
     // render thread also polls it without the lock.
     qv_renderer_statistics& m_statistics;

@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+
 namespace {
 
 // Extended precision throughout, truncated toward zero, as the stamps demand.
@@ -29,19 +31,27 @@ void qv_video_fifo::init(float fps, QVSDK::QVEnumFormats format, const QVSDK::QV
 int qv_video_fifo::alloc(size_t n)
 {
     clear();
-    auto make_item = [this] {
+    // Slots are written black now, so that play-out does not pay a page fault
+    // per 4 KiB of a first-used slot while the FIFO lock is held against the
+    // render thread. Free slots are reused last-freed first, so the slots at
+    // the back of the list are the ones in use; within 1 GiB (ten seconds of
+    // 1080i50, over a second of 2160p50) those are written, deeper ones are
+    // left to be touched during pre-roll if ever.
+    const size_t nBytes = static_cast<size_t>(std::max(m_video_size.m_nWidth, 0)) *
+                          static_cast<size_t>(std::max(m_video_size.m_nHeight, 0)) * 2;
+    const size_t nTouched = nBytes == 0 ? n : std::min(n, (size_t(1) << 30) / nBytes);
+    auto make_item = [this](bool bTouch) {
         auto item = std::make_shared<qv_fifo_item>();
         item->image.InitImage(m_video_size, m_order, m_video_format);
-        // Every page written now: a first touch during play-out costs a page
-        // fault per 4 KiB while the FIFO lock is held against the render thread.
-        item->image.fillColor(0, 0, 0);
+        if (bTouch)
+            item->image.fillColor(0, 0, 0);
         return item;
     };
     for (size_t i = 0; i < n; ++i)
-        m_free_video_fifo.push_back(make_item());
+        m_free_video_fifo.push_back(make_item(i >= n - nTouched));
     // One more picture is current from the start, so that a repeat is possible
     // before the first real frame arrives.
-    m_pItem = make_item();
+    m_pItem = make_item(true);
     return 1;
 }
 

@@ -206,7 +206,7 @@ bool qv_renderer::preroll_done(loop_state& L)
     const qv_video_fifo& vf = m_fifo.m_video_fifo;
     bool bEmpty;
     {
-        std::lock_guard<std::recursive_mutex> lock(m_fifo.m_csFifo);
+        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
         bEmpty = vf.queued() == 0;
     }
     if (m_bEos && !m_bEosPosted && bEmpty) {
