@@ -1,16 +1,11 @@
-// ANC decoding of the inspector, checked against an independent packet
-// builder, and the inspector binary on a capture file.
+// ANC decoding of the inspector, checked against an independent packet builder
+// (parity by bit counting), damaged packets included.
 #include <gtest/gtest.h>
-#include <linux/videodev2.h>
-#include <unistd.h>
 
-#include <array>
-#include <cstdio>
-#include <fstream>
 #include <string>
+#include <vector>
 
 #include "anc_decode.h"
-#include "capture_format.h"
 
 using namespace qvboardsim;
 
@@ -50,15 +45,6 @@ std::vector<uint16_t> line_with(const std::vector<uint16_t>& p, size_t samples, 
     for (size_t k = 0; k < p.size(); ++k)
         l[hd ? 2 * (at + k) + 1 : at + k] = p[k];
     return l;
-}
-
-TEST(AncParity, MatchesBitCountingForAllByteValues)
-{
-    for (int v = 0; v < 256; ++v)
-        EXPECT_EQ(anc_word(uint8_t(v)), oracle_word(uint8_t(v))) << v;
-    // Values from the conversion rules: two ones get b9, three ones get b8.
-    EXPECT_EQ(anc_word(0x41), 0x241);
-    EXPECT_EQ(anc_word(0x07), 0x107);
 }
 
 struct AncCase {

@@ -1,97 +1,13 @@
-// The interposed C library calls: real files pass through untouched,
-// simulated descriptors are real descriptors that never collide with files.
-#include <fcntl.h>
+// The simulator's board configuration text, as the preloaded library reads it.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstring>
 
 #include "sim_test_util.h"
 
 using namespace qvboardsim;
-using namespace qvbs_test;
 
 namespace {
 
-class Interpose : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        cfg = board(NodeKind::single_plane, 6, Pacing::stepped, "ip");
-        Simulator::instance().configure({cfg});
-    }
-    BoardConfig cfg;
-};
-
-TEST_F(Interpose, RealFilesPassThrough)
-{
-    char name[] = "/tmp/qvbs-passthrough-XXXXXX";
-    int tmp = mkstemp(name);
-    ASSERT_GE(tmp, 0);
-    const char text[] = "board simulator pass-through";
-    ASSERT_EQ(write(tmp, text, sizeof text), ssize_t(sizeof text));
-    ASSERT_EQ(close(tmp), 0);
-
-    int fd = open(name, O_RDONLY);
-    ASSERT_GE(fd, 0);
-    struct stat st {};
-    ASSERT_EQ(fstat(fd, &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
-    EXPECT_EQ(st.st_size, off_t(sizeof text));
-    void* m = mmap(nullptr, sizeof text, PROT_READ, MAP_PRIVATE, fd, 0);
-    ASSERT_NE(m, MAP_FAILED);
-    EXPECT_EQ(std::memcmp(m, text, sizeof text), 0);
-    EXPECT_EQ(munmap(m, sizeof text), 0);
-    char back[sizeof text] = {};
-    EXPECT_EQ(read(fd, back, sizeof back), ssize_t(sizeof back));
-    EXPECT_STREQ(back, text);
-    int avail = -1;
-    EXPECT_EQ(ioctl(fd, FIONREAD, &avail), 0); // a real ioctl on a real file
-    EXPECT_EQ(close(fd), 0);
-    unlink(name);
-
-    FILE* f = std::fopen("/dev/null", "w");
-    ASSERT_NE(f, nullptr);
-    EXPECT_GT(std::fprintf(f, "x"), 0);
-    EXPECT_EQ(std::fclose(f), 0);
-}
-
-TEST_F(Interpose, SimulatedDescriptorsAreRealDescriptors)
-{
-    int fd = open(cfg.video_path.c_str(), O_RDWR);
-    ASSERT_GE(fd, 0);
-    EXPECT_NE(fcntl(fd, F_GETFD), -1); // the number is held by the kernel
-    int other = open("/dev/null", O_RDONLY);
-    ASSERT_GE(other, 0);
-    EXPECT_NE(other, fd);
-    struct stat st {};
-    ASSERT_EQ(stat(cfg.video_path.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISCHR(st.st_mode));
-    EXPECT_EQ(major(st.st_rdev), 81u);
-    ASSERT_EQ(fstat(fd, &st), 0);
-    EXPECT_TRUE(S_ISCHR(st.st_mode));
-    // Streaming I/O only, and unknown requests are not the driver's.
-    char c;
-    EXPECT_EQ(read(fd, &c, 1), -1);
-    EXPECT_EQ(ioctl(fd, _IOR('V', 250, int), &c), -1);
-    EXPECT_EQ(errno, ENOTTY);
-    close(other);
-    EXPECT_EQ(close(fd), 0);
-    // After close the number belongs to whoever opens next, untouched by us.
-    int again = open("/dev/null", O_RDONLY);
-    ASSERT_GE(again, 0);
-    int avail = 0;
-    EXPECT_EQ(ioctl(again, FIONREAD, &avail) == 0 || errno == EINVAL || errno == ENOTTY, true);
-    close(again);
-}
-
-TEST_F(Interpose, ConfigurationTextParses)
+TEST(SimulatorConfig, TextParses)
 {
     auto v = Simulator::parse_config("# two boards\n"
                                      "[board]\nkind = multi\nvideo = /dev/a\nmode = 1920x1080_25i\n"

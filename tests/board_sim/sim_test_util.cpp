@@ -122,18 +122,4 @@ int Client::dqbuf(v4l2_buffer& out, int& err)
     return res;
 }
 
-int set_ctrl(int fd, uint32_t id, int32_t value)
-{
-    v4l2_control c{id, value};
-    return ioctl(fd, VIDIOC_S_CTRL, &c);
-}
-
-int get_ctrl(int fd, uint32_t id, int32_t& value)
-{
-    v4l2_control c{id, -1};
-    int res = ioctl(fd, VIDIOC_G_CTRL, &c);
-    value = c.value;
-    return res;
-}
-
 } // namespace qvbs_test

@@ -35,7 +35,6 @@ public:
     // DQBUF; fills `out` (and its planes). Returns ioctl result, errno in `err`.
     int dqbuf(v4l2_buffer& out, int& err);
     uint8_t* plane(uint32_t index, int p) { return m_maps[index * 3 + p]; }
-    size_t plane_len(uint32_t index, int p) const { return m_lens[index * 3 + p]; }
     v4l2_plane planes[3]{};
 
 private:
@@ -44,8 +43,5 @@ private:
     std::vector<uint8_t*> m_maps;
     std::vector<size_t> m_lens;
 };
-
-int set_ctrl(int fd, uint32_t id, int32_t value);
-int get_ctrl(int fd, uint32_t id, int32_t& value);
 
 } // namespace qvbs_test

@@ -2,7 +2,7 @@
 // file plug-in ("file:'<path>',raw") to read back exactly what was played.
 #include "qv_alsa_output_device.h"
 
-#include "print_capture.h"
+#include "../common/print_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -32,61 +32,6 @@ std::vector<uint8_t> pattern(size_t bytes, uint8_t seed)
     for (size_t i = 0; i < bytes; ++i)
         v[i] = static_cast<uint8_t>(seed + i * 7 + (i >> 8));
     return v;
-}
-
-class AlsaLines : public ::testing::TestWithParam<uint32_t> {};
-
-TEST_P(AlsaLines, OpensAllLinesInterleavedAndReportsOneStereoLine)
-{
-    const uint32_t lines = GetParam();
-    qv_alsa_output_device dev;
-    ASSERT_TRUE(dev.open_device("null", lines));
-    EXPECT_TRUE(dev.is_open());
-    const QVSDK::QVSoundFormat internal = dev.get_internal_format();
-    EXPECT_EQ(internal.m_channel, 2 * lines);
-    EXPECT_EQ(internal.m_frequency, 48000u);
-    EXPECT_EQ(internal.m_bit_per_sample, 16);
-    EXPECT_EQ(internal.m_block_align, 2 * 2 * lines);
-    const QVSDK::QVSoundFormat line = dev.get_format();
-    EXPECT_EQ(line.m_channel, 2);
-    EXPECT_EQ(line.m_frequency, 48000u);
-    EXPECT_EQ(line.m_bit_per_sample, 16);
-    dev.close_device();
-    EXPECT_FALSE(dev.is_open());
-}
-
-INSTANTIATE_TEST_SUITE_P(Lines, AlsaLines, ::testing::Values(1u, 2u, 4u));
-
-TEST(AlsaDevice, FilePluginReceivesExactlyTheBytesAndSoundsWritten)
-{
-    const std::string path = temp_path("roundtrip");
-    std::remove(path.c_str());
-    std::vector<uint8_t> expected;
-    {
-        qv_alsa_output_device dev;
-        ASSERT_TRUE(dev.open_device("file:'" + path + "',raw", 2));
-        const QVSDK::QVSoundFormat fmt = dev.get_internal_format();
-
-        const std::vector<uint8_t> raw = pattern(fmt.m_block_align * 480, 1);
-        ASSERT_TRUE(dev.write(raw.data(), raw.size()));
-        expected.insert(expected.end(), raw.begin(), raw.end());
-
-        ASSERT_TRUE(dev.start_device());
-
-        // A sound laid over 1920 frames of which 1000 are filled: only the filled part is played.
-        std::vector<uint8_t> backing = pattern(fmt.m_block_align * 1920, 99);
-        QVSDK::QVSound sound;
-        ASSERT_TRUE(sound.init(backing.data(), backing.size(), fmt));
-        sound.markFilled(1000);
-        ASSERT_TRUE(dev.write(sound));
-        expected.insert(expected.end(), backing.begin(), backing.begin() + 1000 * fmt.m_block_align);
-
-        EXPECT_EQ(dev.get_device_time(), (480u + 1000u) * 1000u / 48000u);
-        dev.stop_device();
-        EXPECT_EQ(dev.get_device_time(), 0u);
-    }
-    EXPECT_EQ(read_file(path), expected);
-    std::remove(path.c_str());
 }
 
 struct format_mismatch {
@@ -135,16 +80,6 @@ TEST(AlsaDevice, DeviceTimeCountsBytesHandedOver)
     EXPECT_EQ(dev.get_device_time(), 1005u);
     dev.stop_device();
     EXPECT_EQ(dev.get_device_time(), 0u);
-}
-
-TEST(AlsaDevice, UnknownDeviceReportsTheAlsaError)
-{
-    print_capture out;
-    qv_alsa_output_device dev;
-    EXPECT_FALSE(dev.open_device("qv_no_such_pcm_device", 2));
-    EXPECT_FALSE(dev.is_open());
-    ASSERT_EQ(out.lines().size(), 1u);
-    EXPECT_EQ(out.lines()[0].rfind("qv_alsa_output_device: open_device error ", 0), 0u);
 }
 
 TEST(AlsaDevice, PlaysAgainAfterStopAndRestart)

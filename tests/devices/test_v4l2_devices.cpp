@@ -1,8 +1,8 @@
 // Behaviour common to both board devices, read back from what the simulated
-// board sent out: priming, sequence numbers, pictures, VBI lines, time codes,
-// dropped frames, the watchdog, genlock and mode selection.
+// board sent out: sequence numbers, pictures, VBI lines, time codes, genlock
+// and mode selection.
 #include "device_harness.h"
-#include "print_capture.h"
+#include "../common/print_capture.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -114,152 +114,6 @@ INSTANTIATE_TEST_SUITE_P(
                       flow_case{NodeKind::multi_plane, qv_1920x1080_30i, V4L2_TC_TYPE_30FPS}),
     flow_name);
 
-struct kind_mode {
-    NodeKind kind;
-    qv_v4l2_enum_sdi_mode mode;
-};
-
-std::string kind_mode_name(const ::testing::TestParamInfo<kind_mode>& info)
-{
-    return std::string(kind_name(info.param.kind)) + "_" + std::to_string(info.param.mode);
-}
-
-class DeviceRing : public ::testing::TestWithParam<kind_mode> {};
-
-// The ring is lent without asking the driver until every buffer has been used
-// once: a failing dequeue only shows on the first frame after that.
-TEST_P(DeviceRing, PrimesTheRingBeforeTheFirstDequeue)
-{
-    const kind_mode& c = GetParam();
-    sim_board board(c.kind, c.mode);
-    qv_renderer_statistics stats;
-    auto dev = make_adapter(c.kind, stats);
-    ASSERT_TRUE(open_adapter(*dev, board, c.mode, false, 4));
-    board.sim().fail_dqbuf(board.path, {EIO, 1, 0});
-    print_capture out;
-    const unsigned ring = dev->ring_frames();
-    const auto seqs = play(*dev, board, 0, ring, false);
-    ASSERT_EQ(seqs.size(), ring);
-    const bool sp = c.kind == NodeKind::single_plane;
-    for (uint32_t i = 0; i < ring; ++i)
-        EXPECT_EQ(seqs[i], sp ? i + 1 : i);
-    EXPECT_EQ(out.count_prefix("qv_jt_renderer: video device VIDIOC_DQBUF error"), 0u);
-
-    uint32_t seq = 0;
-    board.sim().step(board.path, dev->slots_per_frame());
-    EXPECT_FALSE(dev->acquire(seq));
-    const bool fields = dev->slots_per_frame() == 2;
-    const std::string expected = fields ? "qv_jt_renderer: mp_video device VIDIOC_DQBUF error=5, field=" +
-                                              std::to_string(2 * ring) + "\n"
-                                        : "qv_jt_renderer: video device VIDIOC_DQBUF error\n";
-    EXPECT_TRUE(out.contains(expected));
-
-    // The failure is not sticky: the next frame dequeues what the board sent.
-    ASSERT_TRUE(dev->acquire(seq));
-    EXPECT_EQ(seq, sp ? ring + 1 : ring);
-    dev->base().stop_device();
-}
-
-// Slots the board leaves out show as gaps in the sequence and are counted in
-// the statistics; stopping and starting again primes the ring anew.
-TEST_P(DeviceRing, CountsDroppedFramesAndPrimesAgainAfterStop)
-{
-    const kind_mode& c = GetParam();
-    sim_board board(c.kind, c.mode);
-    qv_renderer_statistics stats;
-    auto dev = make_adapter(c.kind, stats);
-    ASSERT_TRUE(open_adapter(*dev, board, c.mode, false, 3));
-    const unsigned ring = dev->ring_frames();
-    const unsigned spf = dev->slots_per_frame();
-    play(*dev, board, 0, ring + 2, false);
-    ASSERT_EQ(stats.m_nDeviceDroppedFrame, 0u);
-
-    print_capture out;
-    // One whole frame is left out by the board: the next buffer comes a frame later.
-    board.sim().drop_frames(board.path, 1, spf);
-    board.sim().step(board.path, spf);
-    const uint32_t before = dev->base().get_seq_frame();
-    play(*dev, board, ring + 2, 2, true);
-    EXPECT_EQ(stats.m_nDeviceDroppedFrame, 1u);
-    EXPECT_EQ(dev->base().get_seq_frame(), before + 3);
-    EXPECT_EQ(out.count_prefix("qv_jt_renderer: video device[" + board.path + "] drop "),
-              c.kind == NodeKind::multi_plane ? 1u : 0u);
-
-    dev->base().stop_device();
-    EXPECT_EQ(dev->base().get_seq_frame(), 0u);
-    stats.reset();
-    board.sim().fail_dqbuf(board.path, {EIO, 1, 0});
-    const auto again = play(*dev, board, 0, ring, false);
-    ASSERT_EQ(again.size(), ring);
-    EXPECT_EQ(again.front(), c.kind == NodeKind::single_plane ? 1u : 0u);
-    dev->base().stop_device();
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, DeviceRing,
-                         ::testing::Values(kind_mode{NodeKind::single_plane, qv_1920x1080_25p},
-                                           kind_mode{NodeKind::single_plane, qv_720x576_25i},
-                                           kind_mode{NodeKind::multi_plane, qv_1280x720_5994p},
-                                           kind_mode{NodeKind::multi_plane, qv_720x576_25i}),
-                         kind_mode_name);
-
-struct watchdog_case {
-    NodeKind kind;
-    qv_v4l2_enum_sdi_mode mode;
-    bool watchdog;
-    uint32_t timeout_ms; // buffers x 1000 / fps + 50
-};
-
-std::string watchdog_name(const ::testing::TestParamInfo<watchdog_case>& info)
-{
-    return std::string(kind_name(info.param.kind)) + "_" + std::to_string(info.param.mode) +
-           (info.param.watchdog ? "_armed" : "_off");
-}
-
-class DeviceWatchdog : public ::testing::TestWithParam<watchdog_case> {};
-
-TEST_P(DeviceWatchdog, FedOncePerFrameOnlyWhenArmed)
-{
-    const watchdog_case& c = GetParam();
-    sim_board board(c.kind, c.mode);
-    qv_renderer_statistics stats;
-    auto dev = make_adapter(c.kind, stats);
-    ASSERT_TRUE(open_adapter(*dev, board, c.mode, c.watchdog, 4));
-    const unsigned frames = dev->ring_frames() + 2;
-    play(*dev, board, 0, frames, false);
-    qvboardsim::WatchdogRecord wd = board.sim().watchdog(board.path);
-    EXPECT_EQ(wd.armed, c.watchdog);
-    EXPECT_EQ(wd.stop_state, 0);
-    if (c.watchdog) {
-        EXPECT_EQ(wd.notifications, frames);
-        EXPECT_EQ(wd.timeout_ms, c.timeout_ms);
-    } else {
-        EXPECT_EQ(wd.notifications, 0u);
-    }
-    // A stall long enough to expire it disarms it; the loop's check re-arms it, once.
-    if (c.watchdog) {
-        board.sim().expire_watchdog(board.path);
-        EXPECT_TRUE(dev->base().check_watchdog());
-        EXPECT_TRUE(board.sim().watchdog(board.path).armed);
-    }
-    EXPECT_FALSE(dev->base().check_watchdog());
-    dev->base().stop_device();
-    EXPECT_FALSE(dev->base().check_watchdog()) << "not while stopped";
-    wd = board.sim().watchdog(board.path);
-    EXPECT_FALSE(wd.armed);
-    EXPECT_EQ(wd.stop_state, c.watchdog ? 1 : 0);
-    EXPECT_EQ(wd.expiries, c.watchdog ? 1u : 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, DeviceWatchdog,
-    ::testing::Values(watchdog_case{NodeKind::single_plane, qv_1920x1080_25p, true, 4 * 1000 / 25 + 50},
-                      watchdog_case{NodeKind::single_plane, qv_1920x1080_5994p, true, 116},
-                      watchdog_case{NodeKind::single_plane, qv_1920x1080_25p, false, 0},
-                      watchdog_case{NodeKind::multi_plane, qv_1920x1080_25p, true, 4 * 1000 / 25 + 50},
-                      watchdog_case{NodeKind::multi_plane, qv_1280x720_5994p, true, 116},
-                      watchdog_case{NodeKind::multi_plane, qv_1920x1080_25p, false, 0}),
-    watchdog_name);
-
 class DeviceKind : public ::testing::TestWithParam<NodeKind> {};
 
 TEST_P(DeviceKind, ReportsGenlockChangesOnce)
@@ -305,19 +159,6 @@ std::string node_name(const ::testing::TestParamInfo<NodeKind>& info)
 
 INSTANTIATE_TEST_SUITE_P(Kinds, DeviceKind, ::testing::Values(NodeKind::single_plane, NodeKind::multi_plane),
                          node_name);
-
-TEST(CheckDevice, RefusesWhatIsNotAnOutputNode)
-{
-    print_capture out;
-    int fd = 7;
-    EXPECT_EQ(qv_v4l2_base_output_device::CheckDevice(fd, "/dev/qvtest-missing0"), qv_v4l2_base_output_device::eDTNone);
-    EXPECT_EQ(fd, -1);
-    EXPECT_EQ(qv_v4l2_base_output_device::CheckDevice(fd, "/dev/null"), qv_v4l2_base_output_device::eDTNone);
-    EXPECT_EQ(fd, -1);
-    EXPECT_EQ(out.lines(), (std::vector<std::string>{
-                               "qbjtrenderer: Can't open video device, device=/dev/qvtest-missing0\n",
-                               "qbjtrenderer: Can't obtain device caps, device=/dev/null\n"}));
-}
 
 struct mode_case {
     NodeKind kind;

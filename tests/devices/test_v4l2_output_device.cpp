@@ -1,7 +1,7 @@
 // The single-plane device's own cases: a board without a VBI node, and the
 // messages under injected faults.
 #include "device_harness.h"
-#include "print_capture.h"
+#include "../common/print_capture.h"
 
 using namespace devtest;
 using qvboardsim::NodeKind;
@@ -27,27 +27,6 @@ TEST(SinglePlaneDevice, WorksWithoutVbiNode)
     EXPECT_TRUE(frames[4].vbi.empty());
     EXPECT_TRUE(picture_matches(frames[4].picture, 1920, 1080, 4, 0, 1));
     dev.dev.stop_device();
-}
-
-TEST(SinglePlaneDevice, DerivesTheVbiNodeFromTheVideoPath)
-{
-    sim_board board(NodeKind::single_plane, qv_720x576_25i);
-    qv_renderer_statistics stats;
-    single_plane_adapter dev(stats);
-    ASSERT_TRUE(open_adapter(dev, board, qv_720x576_25i, false, 3));
-    EXPECT_EQ(dev.dev.get_vbi_name(), board.vbi_path);
-    qv_vbi_data vbi;
-    uint32_t seq = 0;
-    ASSERT_TRUE(dev.acquire(seq));
-    ASSERT_TRUE(dev.dev.map_vbi(vbi));
-    EXPECT_TRUE(vbi.m_bValid);
-    EXPECT_EQ(vbi.m_nStride, 720u * 4);
-    EXPECT_EQ(vbi.m_nLines[0], dev.dev.get_vbi_format().count[0]);
-    EXPECT_EQ(vbi.m_nLines[1], dev.dev.get_vbi_format().count[1]);
-    EXPECT_GT(vbi.m_nLines[1], 0u);
-    EXPECT_GE(vbi.m_nSize, vbi.m_nStride * (vbi.m_nLines[0] + vbi.m_nLines[1]));
-    EXPECT_TRUE(dev.dev.unmap_vbi());
-    EXPECT_TRUE(dev.release());
 }
 
 TEST(SinglePlaneDevice, ReportsQueueAndStreamFaults)

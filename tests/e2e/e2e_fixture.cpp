@@ -44,6 +44,17 @@ void PlayoutTest::step(unsigned slots)
     qvboardsim::Simulator::instance().step(m_strPath, slots);
 }
 
+bool PlayoutTest::pump(unsigned slots, int wait_ms)
+{
+    auto& sim = qvboardsim::Simulator::instance();
+    for (int i = 0; i < wait_ms && sim.queued(m_strPath) < slots; ++i)
+        g_usleep(1000);
+    if (sim.queued(m_strPath) < slots)
+        return false;
+    step(slots);
+    return true;
+}
+
 GstHarness* PlayoutTest::harness(const char* pad, const char* caps)
 {
     GstHarness* h = gst_harness_new_with_element(m_pElement, pad, nullptr);

@@ -22,6 +22,9 @@ protected:
               qvboardsim::Pacing pacing = qvboardsim::Pacing::realtime);
     // Stepped pacing: lets `slots` frame slots (fields on an interlaced multi-plane board) go by.
     void step(unsigned slots = 1);
+    // Lets `slots` slots go by once the render thread has them queued; false
+    // (and no slot) when they did not come within wait_ms.
+    bool pump(unsigned slots = 1, int wait_ms = 2000);
     GstHarness* harness(const char* pad, const char* caps);
     void play();
     void stop();

@@ -5,6 +5,7 @@
 
 #include "e2e_fixture.h"
 #include "qv_alarm_manager.h"
+#include "../common/print_capture.h"
 
 #include <algorithm>
 #include <chrono>
@@ -51,29 +52,6 @@ private:
     std::map<std::string, int> m_raises;
 };
 
-// Counts console lines (g_print) while it lives; they still reach stdout.
-class ConsoleLineCounter {
-public:
-    ConsoleLineCounter()
-    {
-        s_nLines = 0;
-        m_prev = g_set_print_handler(&ConsoleLineCounter::handler);
-    }
-    ~ConsoleLineCounter() { g_set_print_handler(m_prev); }
-    static int lines() { return s_nLines; }
-
-private:
-    static void handler(const gchar* s)
-    {
-        for (const gchar* p = s; *p; ++p)
-            if (*p == '\n')
-                ++s_nLines;
-        fputs(s, stdout);
-    }
-    static inline int s_nLines = 0;
-    GPrintFunc m_prev = nullptr;
-};
-
 class FaultDriverTest : public PlayoutTest {
 protected:
     // 576i25 on either board kind; the multi-plane board takes it as two fields a frame.
@@ -98,18 +76,8 @@ protected:
         ++m_nNext;
     }
 
-    // One frame's slots go by once a whole frame is queued; false (and no
-    // slot) when none came within the wait, e.g. during pre-roll.
-    bool pump(int wait_ms = 100)
-    {
-        auto& sim = qvboardsim::Simulator::instance();
-        for (int i = 0; i < wait_ms && sim.queued(m_strPath) < m_nSlots; ++i)
-            g_usleep(1000);
-        if (sim.queued(m_strPath) < m_nSlots)
-            return false;
-        step(m_nSlots);
-        return true;
-    }
+    // One frame's slots; a short wait so that pre-roll passes in wall time.
+    bool pump(int wait_ms = 100) { return PlayoutTest::pump(m_nSlots, wait_ms); }
 
     uint64_t sent() { return qvboardsim::Simulator::instance().frames_sent(m_strPath) / m_nSlots; }
 

@@ -63,44 +63,45 @@ protected:
         EXPECT_EQ(gst_harness_push(m_video, flat_uyvy(320, 180, luma_of(n), n * kFrame, kFrame)), GST_FLOW_OK);
     }
 
+    static GstBuffer* stamped(GstBuffer* b, int n)
+    {
+        GST_BUFFER_PTS(b) = n * kFrame;
+        GST_BUFFER_DURATION(b) = kFrame;
+        return b;
+    }
+
     void push_audio(int n)
     {
         std::vector<int16_t> pcm(2 * 960, level_of(n));
-        GstBuffer* b = gst_buffer_new_memdup(pcm.data(), pcm.size() * sizeof(int16_t));
-        GST_BUFFER_PTS(b) = n * kFrame;
-        GST_BUFFER_DURATION(b) = kFrame;
-        EXPECT_EQ(gst_harness_push(m_audio, b), GST_FLOW_OK);
+        EXPECT_EQ(gst_harness_push(m_audio, stamped(gst_buffer_new_memdup(pcm.data(), pcm.size() * 2), n)),
+                  GST_FLOW_OK);
     }
 
-    // One slot once the render thread has a buffer queued for it.
-    bool pump()
-    {
-        auto& sim = qvboardsim::Simulator::instance();
-        for (int i = 0; i < 400 && sim.queued(m_strPath) < 1; ++i)
-            g_usleep(5000);
-        if (sim.queued(m_strPath) < 1)
-            return false;
-        step(1);
-        return true;
-    }
-
-    // kFrames good frames with their audio, `inject` before frame kInject,
-    // one slot out per frame in; then the capture.
-    std::vector<qvboardsim::CapturedFrame> play_with(const std::function<void()>& inject, bool withAudio = true)
+    // kFrames input frames, push(n) sending frame n's buffers, one slot out
+    // per frame in once primed; then the capture.
+    std::vector<qvboardsim::CapturedFrame> play_frames(const std::function<void(int)>& push)
     {
         int out = 0;
         for (int n = 0; n < kFrames; ++n) {
-            if (n == kInject)
-                inject();
-            push_video(n);
-            if (withAudio)
-                push_audio(n);
+            push(n);
             if (n >= 12 && pump())
                 ++out;
         }
         EXPECT_GE(out, kFrames - 16) << "play-out stalled";
         stop();
         return captured();
+    }
+
+    // Good frames with their audio, `inject` before frame kInject.
+    std::vector<qvboardsim::CapturedFrame> play_with(const std::function<void()>& inject, bool withAudio = true)
+    {
+        return play_frames([&](int n) {
+            if (n == kInject)
+                inject();
+            push_video(n);
+            if (withAudio)
+                push_audio(n);
+        });
     }
 
     // Every good picture went out once, in order, from the first; the audio of
@@ -141,8 +142,7 @@ TEST_P(VideoFormatTest, PlaysEveryPictureInOrder)
     ASSERT_TRUE(gst_video_info_from_caps(&info, pCaps));
     gst_caps_unref(pCaps);
     const bool yuv = GST_VIDEO_INFO_IS_YUV(&info);
-    int out = 0;
-    for (int n = 0; n < kFrames; ++n) {
+    const auto frames = play_frames([&](int n) {
         // YUV pictures carry their number in luma with neutral chroma; RGB
         // bytes are read as UYVY, so there only the count is checked.
         GstBuffer* b = gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&info), nullptr);
@@ -160,15 +160,8 @@ TEST_P(VideoFormatTest, PlaysEveryPictureInOrder)
                     p[y * stride + x * pstride] = v;
         }
         gst_video_frame_unmap(&frame);
-        GST_BUFFER_PTS(b) = n * kFrame;
-        GST_BUFFER_DURATION(b) = kFrame;
-        EXPECT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
-        if (n >= 12 && pump())
-            ++out;
-    }
-    EXPECT_GE(out, kFrames - 16);
-    stop();
-    const auto frames = captured();
+        EXPECT_EQ(gst_harness_push(m_video, stamped(b, n)), GST_FLOW_OK);
+    });
     ASSERT_GE(frames.size(), static_cast<size_t>(kFrames - 16));
     for (size_t k = 0; yuv && k < frames.size(); ++k)
         ASSERT_EQ(number_of(frames[k].picture[1]), static_cast<int>(k)) << "output frame " << k;
@@ -201,8 +194,7 @@ TEST_P(AudioFormatTest, PlaysConvertedOnBothChannels)
         caps.c_str());
     // Left and right as full-scale 32-bit values, exact in every depth.
     const int32_t left = 0x35 << 24, right = -(0x21 << 24);
-    int out = 0;
-    for (int n = 0; n < kFrames; ++n) {
+    const auto frames = play_frames([&](int n) {
         push_video(n);
         const size_t bytes = a.bits / 8, frameBytes = bytes * a.channels;
         std::vector<uint8_t> pcm(960 * frameBytes);
@@ -211,16 +203,8 @@ TEST_P(AudioFormatTest, PlaysConvertedOnBothChannels)
                 const int32_t v = (c == 0 ? left : right) >> (32 - a.bits);
                 std::memcpy(pcm.data() + s * frameBytes + c * bytes, &v, bytes);
             }
-        GstBuffer* b = gst_buffer_new_memdup(pcm.data(), pcm.size());
-        GST_BUFFER_PTS(b) = n * kFrame;
-        GST_BUFFER_DURATION(b) = kFrame;
-        EXPECT_EQ(gst_harness_push(m_audio, b), GST_FLOW_OK);
-        if (n >= 12 && pump())
-            ++out;
-    }
-    EXPECT_GE(out, kFrames - 16);
-    stop();
-    const auto frames = captured();
+        EXPECT_EQ(gst_harness_push(m_audio, stamped(gst_buffer_new_memdup(pcm.data(), pcm.size()), n)), GST_FLOW_OK);
+    });
     ASSERT_GE(frames.size(), static_cast<size_t>(kFrames - 16));
     // The 16-bit line value at the top of the 24-bit embedded word.
     const int32_t wantLeft = (left >> 16) * 256;

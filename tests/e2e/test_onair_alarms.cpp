@@ -62,8 +62,6 @@ TEST_P(InputAlarms, NoVideoAndNoAudioRaisedWithinTheirFramesAndClearedOnReturn)
     }
     const auto ms =
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-    std::printf("latency %u ms: no-video after %d slots (%lld ms)\n", c.latency_ms, nSlots,
-                static_cast<long long>(ms));
     EXPECT_TRUE(alarms.raised(QV_ALARM_NO_VIDEO));
     EXPECT_TRUE(alarms.raised(QV_ALARM_NO_AUDIO));
     // Not long before its frames (slots are counted by frames handed to the

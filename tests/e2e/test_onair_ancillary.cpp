@@ -5,12 +5,12 @@
 #include "onair_stepping.h"
 
 #include "anc_decode.h"
+#include "../common/print_capture.h"
 
 #include <libzvbi.h>
 
 #include <array>
 #include <map>
-#include <mutex>
 #include <set>
 #include <tuple>
 
@@ -341,39 +341,6 @@ INSTANTIATE_TEST_SUITE_P(Rasters, OnAirTeletext,
 
 namespace {
 
-// Console lines printed while it lives (the render thread prints too).
-class console_lines {
-public:
-    console_lines()
-    {
-        s_self = this;
-        m_old = g_set_print_handler(&console_lines::handler);
-    }
-    ~console_lines()
-    {
-        g_set_print_handler(m_old);
-        s_self = nullptr;
-    }
-    size_t count_containing(const std::string& text) const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return static_cast<size_t>(std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& l) {
-            return l.find(text) != std::string::npos;
-        }));
-    }
-
-private:
-    static void handler(const gchar* text)
-    {
-        std::lock_guard<std::mutex> lock(s_self->m_mutex);
-        s_self->m_lines.emplace_back(text);
-    }
-    static inline console_lines* s_self = nullptr;
-    GPrintFunc m_old = nullptr;
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
-
 // Rows of a record that are not blank (black is 0x200 / 0x040).
 std::set<uint32_t> written_rows(const CapturedFrame& f)
 {
@@ -415,7 +382,7 @@ TEST_P(OnAirTeletextLines, InsideTheAreaOrRefusedOnce)
     g_object_set(m_pElement, "vbi_lines", lines, nullptr);
     GstHarness* video = harness("sink_video", video_caps().c_str());
     GstHarness* ttx = harness("sink_teletext", "application/x-teletext");
-    console_lines console;
+    print_capture console;
     play();
 
     std::vector<uint8_t> pes = {0x10};
@@ -496,7 +463,7 @@ TEST_P(OnAirScteLines, InsideTheAreaOrRefusedOnce)
     g_object_set(m_pElement, "vbi_lines", lines, nullptr);
     GstHarness* video = harness("sink_video", video_caps().c_str());
     GstHarness* scte = harness("sink_scte104", "application/x-scte104");
-    console_lines console;
+    print_capture console;
     play();
     std::vector<scte_seen> seen;
     std::set<uint32_t> rows;

@@ -53,19 +53,6 @@ class LipSyncTest : public PlayoutTest, public ::testing::WithParamInterface<Lip
 protected:
     // First sample of output frame n on the board's own frame grid.
     static int64_t grid(int64_t n, double fps) { return static_cast<int64_t>(std::trunc(n * 48000.0 / fps + 0.5)); }
-
-    // One output slot (both fields of an interlaced multi-plane frame) once
-    // the render thread has them queued; false when none came in time.
-    bool pump(unsigned slots)
-    {
-        auto& sim = qvboardsim::Simulator::instance();
-        for (int i = 0; i < 400 && sim.queued(m_strPath) < slots; ++i)
-            g_usleep(5000);
-        if (sim.queued(m_strPath) < slots)
-            return false;
-        step(slots);
-        return true;
-    }
 };
 
 TEST_P(LipSyncTest, ClickLandsInTheFlashFrameAtItsSample)

@@ -47,11 +47,6 @@ TEST_P(OnAirModes, OpensTheModesOwnTimingAndPlaysWithoutGaps)
         gaps += out[i].index != out[i - 1].index + 1;
     EXPECT_EQ(gaps, 0u) << "slots that went by empty";
     EXPECT_EQ(stat("Device dropped frame"), "0");
-
-    RecordProperty("timing", std::to_string(out[0].pic_width) + "x" + std::to_string(lines) + (interlaced ? "i" : "p") +
-                                 " " + std::to_string(rate).substr(0, 6));
-    RecordProperty("fields_out", static_cast<int>(fields ? out.size() : out.size() * (interlaced ? 2 : 1)));
-    RecordProperty("drops", stat("Device dropped frame") + "/" + std::to_string(gaps));
 }
 
 std::vector<mode_case> all_modes()

@@ -2,21 +2,8 @@
 
 #include <algorithm>
 
-std::vector<std::string> ElementTest::s_printed;
-
-namespace {
-
-void capture_print(const gchar* text)
-{
-    ElementTest::s_printed.emplace_back(text);
-}
-
-} // namespace
-
 void ElementTest::SetUp()
 {
-    s_printed.clear();
-    g_set_print_handler(capture_print);
     m_pElement = gst_element_factory_make("qvjtrenderer", nullptr);
     ASSERT_NE(m_pElement, nullptr);
     gst_object_ref_sink(m_pElement);
@@ -28,7 +15,6 @@ void ElementTest::TearDown()
         gst_element_set_state(m_pElement, GST_STATE_NULL);
         gst_object_unref(m_pElement);
     }
-    g_set_print_handler(nullptr);
 }
 
 std::vector<std::string> ElementTest::pad_names() const
@@ -45,9 +31,4 @@ bool ElementTest::has_pad(const char* pName) const
 {
     const auto names = pad_names();
     return std::find(names.begin(), names.end(), pName) != names.end();
-}
-
-bool ElementTest::printed(const std::string& text) const
-{
-    return std::find(s_printed.begin(), s_printed.end(), text) != s_printed.end();
 }

@@ -32,7 +32,7 @@ TEST_F(Chains, EveryInputIsAcceptedAndDroppedBeforeADeviceIsOpen)
     EXPECT_EQ(push_to("sink_scte104", "application/x-scte104", 20), GST_FLOW_OK);
     EXPECT_EQ(push_to("sink_scte35", "application/x-scte35", 20), GST_FLOW_OK);
     // The harness plays the element, so the render thread starts and stops; nothing else speaks.
-    for (const std::string& line : s_printed)
+    for (const std::string& line : m_console.lines())
         EXPECT_EQ(line, "qv_jt_renderer: stop renderer thread\n");
 
     const uint8_t bytes[4] = {};
@@ -57,9 +57,9 @@ TEST_F(Chains, VideoCapsWithoutAnItemFailEveryBufferWithItsMessage)
          "qv_jt_renderer: const gchar *pStrInterlace = gst_structure_get_string(pStruct, 'interlace-mode');\n"},
     };
     for (const row& r : rows) {
-        s_printed.clear();
+        m_console.clear();
         EXPECT_EQ(push_to("sink_video", r.caps, 256), GST_FLOW_ERROR) << r.caps;
-        EXPECT_TRUE(printed(r.message)) << r.caps;
+        EXPECT_TRUE(m_console.contains(r.message)) << r.caps;
     }
 }
 

@@ -46,13 +46,6 @@ TEST(Registration, PluginAndFactory)
     gst_object_unref(f);
 }
 
-struct prop_row {
-    guint id;
-    const char* name;
-    GType type;
-    GParamFlags flags;
-};
-
 using Properties = ElementTest;
 
 TEST_F(Properties, ConstructorValuesDifferFromDeclaredDefaultsOnPurpose)

@@ -2,7 +2,7 @@
 // jitter, skipping ahead and silence on jumps.
 #include "qv_audio_fifo.h"
 
-#include "print_capture.h"
+#include "../common/print_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -42,18 +42,6 @@ struct rate_case {
 class AudioFifoRates : public ::testing::TestWithParam<rate_case> {};
 
 } // namespace
-
-TEST(AudioFifo, SizesRingAndToleranceFromTheFrameRate)
-{
-    qv_audio_fifo a;
-    a.init(25.0f, kStereo16);
-    ASSERT_TRUE(a.alloc(10));
-    EXPECT_EQ(a.m_sound_fifo.m_memory.size(), 76804u);
-    EXPECT_EQ(a.m_sound_fifo.m_nJitter, 3840u);
-    qv_audio_fifo bad;
-    bad.init(25.0f, QVSoundFormat());
-    EXPECT_FALSE(bad.alloc(10));
-}
 
 TEST_P(AudioFifoRates, ContinuousFeedPlaysEverySampleOnceInOrder)
 {

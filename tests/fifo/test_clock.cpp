@@ -1,12 +1,10 @@
-// Clock smoothing: the low-pass, the loop and the time starter.
+// Clock smoothing: the low-pass and the loop.
 #include "Butterworth.h"
 #include "QVPLL.h"
-#include "qv_time_starter.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <vector>
 
 TEST(Butterworth, StepResponseRisesMonotonicallyTowardsTheStep)
 {
@@ -37,26 +35,3 @@ TEST(QVPLL, StepRightAfterResetReturnsTheStreamTime)
     }
 }
 
-TEST(QVPLL, FollowsAHardwareClockThatRunsFast)
-{
-    // 25 frames per second in 100 ns units; the hardware clock runs 1000 ppm fast.
-    const long frame = 400000;
-    CQVPLL pll;
-    pll.ResetPLL(0, 0);
-    long double lastRegulator = 0.0L;
-    long lastLead = 0;
-    for (long n = 1; n <= 3000; ++n) {
-        const long stream = n * frame;
-        const long hw = n * frame + n * frame / 1000;
-        const long out = pll.SetTimeToPLL(hw, stream);
-        if (n % 250 == 0) {
-            EXPECT_GT(pll.m_dRegulator, lastRegulator) << "frame " << n;
-            EXPECT_GT(out - stream, lastLead) << "frame " << n;
-            lastRegulator = pll.m_dRegulator;
-            lastLead = out - stream;
-        }
-        EXPECT_GE(out, stream - 1); // truncation may lose the last unit
-    }
-    EXPECT_EQ(pll.m_ulCounter, 3000u);
-    EXPECT_EQ(pll.m_listIRegulator.size(), CQVPLL::kHistory);
-}

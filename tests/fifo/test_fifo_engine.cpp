@@ -3,7 +3,7 @@
 #include "qv_fifo_engine.h"
 
 #include "fifo_test_util.h"
-#include "print_capture.h"
+#include "../common/print_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -68,39 +68,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(FifoEngine, NominalFeedPlaysEveryFrameWithItsAudioAndData)
-{
-    set_up(2);
-    for (uint64_t n = 0; n < 5; ++n) {
-        ASSERT_EQ(add_video(n), 1);
-        ASSERT_TRUE(engine.add_audio_frame(0, n * kFrame, (n + 1) * kFrame, 0, line_sound(2, 100)));
-        ASSERT_TRUE(engine.add_audio_frame(1, n * kFrame, (n + 1) * kFrame, 0, line_sound(2, 200)));
-        uint8_t ttx[2] = {uint8_t(n), 0xAA};
-        ASSERT_EQ(engine.add_teletext_frame(n * kFrame, (n + 1) * kFrame, ttx, 2), 1);
-    }
-    EXPECT_EQ(engine.start(), 0);
-    print_capture console;
-    for (unsigned f = 0; f < 4; ++f) {
-        ASSERT_EQ(map(f), fifo_ok);
-        EXPECT_EQ(number_of(image), f);
-        // Two stereo lines side by side: line 0 on channels 0-1, line 1 on 2-3.
-        ASSERT_EQ(sound.format().m_channel, 4);
-        ASSERT_EQ(sound.size(), 2u * 7680u);
-        const auto* s = reinterpret_cast<const int16_t*>(sound.data());
-        EXPECT_EQ(s[0], 100);
-        EXPECT_EQ(s[1], 101);
-        EXPECT_EQ(s[2], 200);
-        EXPECT_EQ(s[3], 201);
-        // Teletext stamped 0 was unstamped and dropped; the others arrive one frame later.
-        if (f == 0)
-            EXPECT_TRUE(teletext.empty());
-        else
-            EXPECT_EQ(teletext, (std::vector<uint8_t>{uint8_t(f), 0xAA}));
-    }
-    EXPECT_TRUE(console.lines().empty());
-    EXPECT_EQ(engine.m_out_frame_index, 3u);
-}
 
 TEST_F(FifoEngine, WideLinesContributeOnlyTheirFirstPair)
 {
@@ -221,25 +188,6 @@ TEST_F(FifoEngine, AudioDrivenLoopShiftsOnlyLineZero)
     EXPECT_NE(engine.m_video_fifo.m_nStartTime, 599 * kFrame);
 }
 
-TEST_F(FifoEngine, Scte104IsStampedWithTheLatestPicture)
-{
-    set_up(0);
-    uint8_t msg[] = {0xFF, 0xFF, 0x00, 0x05, 0x00};
-    EXPECT_EQ(engine.add_scte104_frame(msg, sizeof msg), 1); // no picture yet: dropped
-    EXPECT_EQ(engine.m_scte104_fifo.queued(), 0u);
-    EXPECT_EQ(engine.add_scte104_frame(nullptr, 5), 0);
-    ASSERT_EQ(add_video(0), 1);
-    ASSERT_EQ(add_video(1), 1);
-    EXPECT_EQ(engine.add_scte104_frame(msg, sizeof msg), 1);
-    ASSERT_EQ(engine.m_scte104_fifo.queued(), 1u);
-    EXPECT_EQ(engine.m_scte104_fifo.m_nStart, kFrame);
-    EXPECT_EQ(engine.start(), 0);
-    ASSERT_EQ(map(0), fifo_ok);
-    EXPECT_TRUE(scte104.empty());
-    ASSERT_EQ(map(1), fifo_ok);
-    EXPECT_EQ(scte104, std::vector<uint8_t>(msg, msg + sizeof msg));
-}
-
 TEST_F(FifoEngine, MalformedScte35IsAcceptedAndDropped)
 {
     set_up(0);
@@ -252,82 +200,6 @@ TEST_F(FifoEngine, MalformedScte35IsAcceptedAndDropped)
     uint8_t endsAtPointer[] = {2, 0xFC};
     EXPECT_EQ(engine.add_scte35_frame(endsAtPointer, 2), 1);
     EXPECT_EQ(engine.m_scte104_fifo.queued(), 0u);
-}
-
-TEST_F(FifoEngine, Scte35SpliceInsertIsQueuedAsScte104)
-{
-    // ANSI/SCTE 35 section 14.2 sample (splice_insert), see tests/data/scte35_samples.txt.
-    gsize n = 0;
-    guchar* section = g_base64_decode("/DAvAAAAAAAA///wFAVIAACPf+/+c2nALv4AUsz1AAAAAAAKAAhDVUVJAAABNWLbowo=", &n);
-    std::vector<uint8_t> withPointer(1, 0);
-    withPointer.insert(withPointer.end(), section, section + n);
-    g_free(section);
-
-    set_up(0);
-    EXPECT_EQ(engine.add_scte35_frame(withPointer.data(), withPointer.size()), 1); // no picture yet
-    EXPECT_EQ(engine.m_scte104_fifo.queued(), 0u);
-    ASSERT_EQ(add_video(0), 1);
-    ASSERT_EQ(add_video(1), 1);
-    EXPECT_EQ(engine.add_scte35_frame(withPointer.data(), withPointer.size()), 1);
-    ASSERT_EQ(engine.m_scte104_fifo.queued(), 1u);
-    const auto& item = *engine.m_scte104_fifo.m_fifo.front();
-    ASSERT_GE(item.size, 4u);
-    EXPECT_EQ(item.payload[0], 0xFF); // Reserved
-    EXPECT_EQ(item.payload[1], 0xFF);
-    EXPECT_EQ(size_t(item.payload[2]) << 8 | item.payload[3], item.size); // messageSize
-    EXPECT_EQ(item.index, 1);
-}
-
-// A stamp an hour off is dropped with one message per stream; the streams
-// carry on around it instead of waiting an hour behind it.
-TEST_F(FifoEngine, FarStampsAreDroppedAndLaterInputStillFlows)
-{
-    set_up(1);
-    constexpr uint64_t kHour = 3600ull * 1000000000ull;
-    auto feed = [&](uint64_t n) {
-        ASSERT_EQ(add_video(n), 1);
-        ASSERT_TRUE(engine.add_audio_frame(0, n * kFrame, (n + 1) * kFrame, 0, line_sound(2, int16_t(100 + n))));
-        uint8_t ttx[1] = {uint8_t(n)};
-        ASSERT_EQ(engine.add_teletext_frame(n * kFrame, (n + 1) * kFrame, ttx, 1), 1);
-        uint8_t vbi[1] = {uint8_t(0x80 | n)};
-        ASSERT_EQ(engine.add_vbi_frame(n * kFrame, (n + 1) * kFrame, vbi, 1, nullptr), 1);
-    };
-    print_capture out;
-    for (uint64_t n = 0; n < 3; ++n)
-        feed(n);
-    for (int twice = 0; twice < 2; ++twice) {
-        const uint64_t far = 3 * kFrame + kHour;
-        uint8_t bad[1] = {0xEE};
-        EXPECT_EQ(engine.add_video_frame(far, far + kFrame, far, 0, numbered_uyvy(0xEE), 0), 1);
-        EXPECT_TRUE(engine.add_audio_frame(0, far, far + kFrame, 0, line_sound(2, 9999)));
-        EXPECT_EQ(engine.add_teletext_frame(far, far + kFrame, bad, 1), 1);
-        EXPECT_EQ(engine.add_vbi_frame(far, far + kFrame, bad, 1, nullptr), 1);
-    }
-    for (const char* stream : {"video", "audio", "teletext", "vbi"})
-        EXPECT_EQ(out.count_containing(std::string("qvjtrenderer: ") + stream + " stamp "), 1u) << stream;
-    for (uint64_t n = 3; n < 6; ++n)
-        feed(n);
-
-    ASSERT_EQ(engine.start(), 0);
-    std::vector<uint8_t> vbi;
-    for (unsigned n = 0; n < 6; ++n) {
-        ASSERT_EQ(map(n), fifo_ok) << n;
-        EXPECT_EQ(number_of(image), n);
-        if (n > 0) { // a stamp of 0 counts as none and has nothing to join
-            ASSERT_EQ(teletext.size(), 1u) << n;
-            EXPECT_EQ(teletext[0], n);
-        }
-        const auto* pcm = reinterpret_cast<const int16_t*>(sound.data());
-        EXPECT_EQ(pcm[0], int16_t(100 + n));
-    }
-    engine.reset();
-    for (uint64_t n = 0; n < 2; ++n)
-        feed(n);
-    ASSERT_EQ(engine.start(), 0);
-    ASSERT_EQ(engine.map_next_data_vbi(0, image, sound, vbi, nullptr), fifo_ok);
-    ASSERT_EQ(engine.map_next_data_vbi(1, image, sound, vbi, nullptr), fifo_ok);
-    ASSERT_EQ(vbi.size(), 1u);
-    EXPECT_EQ(vbi[0], 0x81);
 }
 
 namespace {

@@ -98,15 +98,3 @@ TEST_F(TemplateFifo, FullQueueReportsAndLosesThePacket)
     EXPECT_EQ(fifo.queued(), 8u);
 }
 
-TEST_F(TemplateFifo, SkipKeepsTheNewestDueItem)
-{
-    for (uint64_t f : {4, 5, 9})
-        ASSERT_TRUE(add(f * kFrame, "p"));
-    ASSERT_EQ(indexes(), (std::vector<int64_t>{4, 5, 9}));
-    std::vector<uint8_t> out;
-    fifo.m_last_render_frame = 4;
-    fifo.skip_data(1);
-    EXPECT_EQ(indexes(), (std::vector<int64_t>{5, 9}));
-    fifo.skip_data(100);
-    EXPECT_EQ(indexes(), (std::vector<int64_t>{9}));
-}

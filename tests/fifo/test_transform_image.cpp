@@ -146,27 +146,6 @@ TEST(TransformImage, RgbUsesBt601ForSdAndBt709ForHdInStudioRange)
     }
 }
 
-TEST(TransformImage, ScalingKeepsFlatAreasAndEdgePositions)
-{
-    // SD picture: left half white, right half black; scaled up to HD.
-    QVImage src(720, 576, QVSDK::FieldOrder_Upper_First, QVSDK::FORMAT_UYVY);
-    for (int y = 0; y < 576; ++y)
-        for (int x = 0; x < 720; x += 2) {
-            uint8_t* p = src.data(0) + static_cast<ptrdiff_t>(y) * src.stride(0) + 2 * x;
-            const uint8_t luma = x < 360 ? 235 : 16;
-            p[0] = 128, p[1] = luma, p[2] = 128, p[3] = luma;
-        }
-    QVImage dst(1920, 1080, QVSDK::FieldOrder_Upper_First, QVSDK::FORMAT_UYVY);
-    QVTransformImage t;
-    ASSERT_TRUE(t.transform(src, dst));
-    EXPECT_NEAR(uyvy_at(dst, 200, 540, 1), 235, 2);
-    EXPECT_NEAR(uyvy_at(dst, 1700, 540, 1), 16, 2);
-    EXPECT_NEAR(uyvy_at(dst, 200, 540, 0), 128, 2);
-    // The edge stays in the middle.
-    EXPECT_GT(uyvy_at(dst, 940, 10, 1), 200);
-    EXPECT_LT(uyvy_at(dst, 980, 10, 1), 50);
-}
-
 TEST(TransformImage, InterlacedResizeKeepsFieldsApart)
 {
     // Upper field white, lower field black: resizing must not blend them.

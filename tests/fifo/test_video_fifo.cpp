@@ -2,7 +2,7 @@
 #include "qv_video_fifo.h"
 
 #include "fifo_test_util.h"
-#include "print_capture.h"
+#include "../common/print_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -118,18 +118,6 @@ TEST_F(VideoFifo, EmptyQueueRepeatsWithMessageAndFails)
     EXPECT_EQ(stats.m_video.nRepeatedFrame, 2u);
     ASSERT_EQ(console.lines().size(), 2u);
     EXPECT_EQ(console.lines()[1], "qv_jt_renderer: [fifo empty] repeat render image m_pItem->index = 0 to nIndex = 1\n");
-}
-
-TEST_F(VideoFifo, LateFrameBehindADueOneIsDroppedNotShown)
-{
-    // Producer stalls, then delivers frames 0..3 at once; the consumer is at frame 3.
-    for (uint8_t i = 0; i < 4; ++i)
-        ASSERT_TRUE(add(i * kFrame, i));
-    QVImage out;
-    ASSERT_TRUE(fifo.map_image(3, out));
-    EXPECT_EQ(number_of(out), 3);
-    EXPECT_EQ(stats.m_video.nSkipFrame, 3u);
-    EXPECT_EQ(fifo.queued(), 0u);
 }
 
 TEST_F(VideoFifo, UnconvertiblePictureGoesOutBlack)

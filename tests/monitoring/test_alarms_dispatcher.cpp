@@ -36,23 +36,6 @@ TEST(AlarmsDispatcher, UnlinkedInputsAreNotWatched)
     EXPECT_EQ(m.log, (std::vector<std::string>{"+no-teletext@"}));
 }
 
-TEST(AlarmsDispatcher, StopClearsEverythingRaised)
-{
-    qv_alarms_dispatcher d;
-    recording_manager m(0);
-    d.set_alarm_manager(&m);
-    d.start(true, false, false, true);
-    d.restart_event();
-    d.frame_event();
-    ASSERT_EQ(m.log.size(), 3u);
-    d.stop();
-    EXPECT_EQ(m.log.size(), 6u);
-    for (size_t i = 3; i < 6; ++i)
-        EXPECT_EQ(m.log[i][0], '-');
-    frames(d, 10);
-    EXPECT_EQ(m.log.size(), 6u) << "no alarms while stopped";
-}
-
 TEST(AlarmsDispatcher, RepeatedFramesNeedARunAndClearOnFreshFrame)
 {
     qv_alarms_dispatcher d;

@@ -93,23 +93,3 @@ TEST(Crc32, MatchesTheMpeg2CheckValueAndZeroesOverItsOwnSection)
     EXPECT_EQ(mpeg2_crc32(section, 12), 0u);
 }
 
-TEST(BaseMpegTable, AddDataNeverFillsTheLastByte)
-{
-    CBaseMpegTable t(nullptr, 8);
-    EXPECT_TRUE(t.m_bSelfAlloc);
-    unsigned char d[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    EXPECT_TRUE(t.AddData(d, 3));
-    EXPECT_FALSE(t.AddData(d, 5)); // exactly the free capacity
-    EXPECT_EQ(t.m_lSizeTable, 3u);
-    EXPECT_TRUE(t.AddData(d, 4));
-    EXPECT_EQ(0, std::memcmp(t.m_pDataTable + 3, d, 4));
-    t.Clear();
-    EXPECT_EQ(t.m_lSizeTable, 0u);
-    for (size_t i = 0; i < 8; ++i)
-        EXPECT_EQ(t.m_pDataTable[i], 0);
-
-    unsigned char external[4];
-    CBaseMpegTable e(external, sizeof external);
-    EXPECT_FALSE(e.m_bSelfAlloc);
-    EXPECT_EQ(e.m_pDataTable, external);
-}

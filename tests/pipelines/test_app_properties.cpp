@@ -13,11 +13,6 @@ namespace {
 
 class AppProperties : public ::testing::Test {
 protected:
-    static void SetUpTestSuite()
-    {
-        gst_init(nullptr, nullptr);
-        gst_plugin_qvjtrenderer_register();
-    }
     void SetUp() override { m_pElement = gst_element_factory_make("qvjtrenderer", nullptr); }
     void TearDown() override
     {

@@ -4,7 +4,7 @@ board simulator preloaded and /dev/video0 mapped onto a simulated board
 (single-plane when the example names an ALSA device, multi-plane otherwise).
 Live examples run a few seconds and are then interrupted; the rest run to
 their end. Each must exit cleanly and get frames out of the board; examples
-run with -m must show the periodic statistics messages."""
+run with -m must show the periodic statistics messages, and the alarm example its alarm."""
 
 import argparse
 import os
@@ -95,8 +95,10 @@ def run_example(kind, text, build_dir, work, n):
     frames, _ = qvts.read_capture(build_dir, cap) if os.path.exists(cap) else ([], None)
     if len(frames) < 10:
         failures.append(f"{len(frames)} frames went out: {out[-2000:]}")
-    if kind == "launch" and " -m " in text and "qvjtrenderer-stats" not in out:
+    if kind == "launch" and " -m " in text and "stats-interval=" in text and "qvjtrenderer-stats" not in out:
         failures.append("no qvjtrenderer-stats message")
+    if kind == "launch" and " -m " in text and "alarm-source-name=" in text and "qvjtrenderer-alarm" not in out:
+        failures.append("no qvjtrenderer-alarm message")
     return failures
 
 

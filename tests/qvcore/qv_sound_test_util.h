@@ -1,7 +1,5 @@
-// Sample access and g_print capture for the sound tests.
+// Sample access for the sound tests.
 #pragma once
-
-#include <glib.h>
 
 #include <cstdint>
 #include <string>
@@ -28,30 +26,3 @@ inline void writeSample(QVSDK::QVSound& s, size_t frame, unsigned channel, int32
     for (unsigned i = 0; i < bytes; ++i)
         p[i] = uint8_t(uint32_t(value) >> (8 * i));
 }
-
-// Collects g_print lines for the lifetime of the object.
-class PrintCapture {
-public:
-    PrintCapture() : m_old(g_set_print_handler(&PrintCapture::handler)) { current() = this; }
-    ~PrintCapture()
-    {
-        g_set_print_handler(m_old);
-        current() = nullptr;
-    }
-    const std::vector<std::string>& lines() const { return m_lines; }
-
-private:
-    static PrintCapture*& current()
-    {
-        static PrintCapture* instance = nullptr;
-        return instance;
-    }
-    static void handler(const gchar* text)
-    {
-        if (current() != nullptr)
-            current()->m_lines.emplace_back(text);
-    }
-
-    GPrintFunc m_old;
-    std::vector<std::string> m_lines;
-};

@@ -85,54 +85,6 @@ INSTANTIATE_TEST_SUITE_P(Cases, CopyToRefusesTest,
                                          NoCopyCase{FORMAT_UYVY, 16, 4, FORMAT_YUY2, 16, 4},
                                          NoCopyCase{FORMAT_IYUV, 16, 4, FORMAT_IYUV, 16, 4}));
 
-struct FieldCase {
-    QVEnumFormats format;
-    int h;
-};
-
-class FieldViewTest : public testing::TestWithParam<FieldCase> {};
-
-// Line k of the upper field is frame line 2k, of the lower field 2k + 1, in
-// every plane; the views share the frame's bytes.
-TEST_P(FieldViewTest, AddressesEveryOtherLine)
-{
-    const FieldCase& c = GetParam();
-    const int w = 16;
-    const QVImage frame(w, c.h, FieldOrder_Upper_First, c.format);
-    const QVImage upper = frame.getUpperField();
-    const QVImage lower = frame.getLowerField();
-    EXPECT_EQ(upper.order(), Single_Field_Upper);
-    EXPECT_EQ(lower.order(), Single_Field_Lower);
-    EXPECT_EQ(upper.height(), (c.h + 1) / 2);
-    EXPECT_EQ(lower.height(), c.h / 2);
-    EXPECT_EQ(upper.width(), w);
-    EXPECT_EQ(upper.format(), c.format);
-    EXPECT_EQ(upper.size().par(), frame.size().par());
-
-    const std::vector<PlaneRows> rows = planeRows(c.format, w, c.h);
-    for (size_t p = 0; p < rows.size(); ++p) {
-        const int plane = int(p);
-        EXPECT_EQ(upper.stride(plane), 2 * frame.stride(plane));
-        EXPECT_EQ(lower.stride(plane), 2 * frame.stride(plane));
-        for (int k = 0; 2 * k < rows[p].rows; ++k)
-            EXPECT_EQ(rowOf(upper, plane, k), rowOf(frame, plane, 2 * k)) << "plane " << p << " line " << k;
-        for (int k = 0; 2 * k + 1 < rows[p].rows; ++k)
-            EXPECT_EQ(rowOf(lower, plane, k), rowOf(frame, plane, 2 * k + 1)) << "plane " << p << " line " << k;
-    }
-    rowOf(lower, 0, 0)[0] = 0x5A;
-    EXPECT_EQ(rowOf(frame, 0, 1)[0], 0x5A);
-
-    // A field of a field is every fourth line.
-    const QVImage quarter = upper.getLowerField();
-    EXPECT_EQ(rowOf(quarter, 0, 1), rowOf(frame, 0, 6));
-}
-
-INSTANTIATE_TEST_SUITE_P(Formats, FieldViewTest,
-                         testing::Values(FieldCase{FORMAT_UYVY, 8}, FieldCase{FORMAT_UYVY, 9}, FieldCase{FORMAT_BGRA, 8},
-                                         FieldCase{FORMAT_BGR, 7}, FieldCase{FORMAT_NV12, 8},
-                                         FieldCase{FORMAT_YV12, 8}, FieldCase{FORMAT_IYUV, 12},
-                                         FieldCase{FORMAT_YUVA, 8}));
-
 TEST(FieldViewTest, WeavesTwoFieldsIntoAFrame)
 {
     const int w = 8, h = 6;

@@ -53,24 +53,6 @@ TEST_P(EncoderGolden, SdAndHdPacketsMatchTheRecordedWords)
 INSTANTIATE_TEST_SUITE_P(Klvanc, EncoderGolden, ::testing::ValuesIn(qvtest::scte104_vanc_packets()),
                          [](const auto& p) { return p.param.name; });
 
-TEST(Scte104Encoder, ThirtyBytesOnAnHdLine)
-{
-    qv_vanc_scte104_encoder e;
-    e.init(false, 2, 1920);
-    auto msg = message_of(30);
-    auto p = e.encoder(msg.data(), msg.size(), 3840);
-    ASSERT_EQ(p.size(), 1u);
-    EXPECT_EQ(p[0].second, 38u);
-    const uint8_t* line = p[0].first;
-    const std::vector<uint8_t> head = {0x00, 0xFF, 0xFF, 0x41, 0x07, 31, 0x08, 1};
-    for (size_t k = 0; k < head.size(); ++k)
-        EXPECT_EQ(line[2 * k + 1], head[k]) << k;
-    for (size_t k = 0; k < 40; ++k)
-        EXPECT_EQ(line[2 * k], 0x80) << "chroma " << k;
-    EXPECT_EQ(line[2 * 37 + 1], 0x00); // checksum placeholder
-    EXPECT_EQ(line[2 * 38 + 1], 0x10);
-}
-
 struct SplitCase {
     const char* what;
     bool sd;

@@ -89,23 +89,6 @@ TEST(VbiConvert, PackingAgreesWithReferenceUnpacking)
     EXPECT_EQ(unpack10(viaCopy.data(), 16), src);
 }
 
-TEST(VbiConvert, PackingStopsAtTheSmallerSide)
-{
-    std::vector<uint16_t> src(12, 0x3FF);
-    std::vector<uint8_t> dst(10);
-    EXPECT_EQ(PackVBI_UYVY16toUYVY10(src.data(), 24, dst.data(), 10), 10u);
-    EXPECT_EQ(PackVBI_UYVY16toUYVY10(src.data(), 24, dst.data(), 4), 0u);
-    EXPECT_EQ(PackVBI_UYVY16toUYVY10(src.data(), 7, dst.data(), 10), 0u);
-}
-
-TEST(VbiConvert, ByteOfValueClamps)
-{
-    const std::vector<std::pair<int16_t, uint8_t>> cases = {{-32768, 0}, {-1, 0}, {0, 0}, {128, 128},
-                                                            {255, 255},  {256, 255}, {32767, 255}};
-    for (auto& c : cases)
-        EXPECT_EQ(ByteOfValue(c.first), c.second) << c.first;
-}
-
 // The public SMPTE 2010 packets: the 8-bit words laid into a line must come out as the
 // recorded 10-bit words, parity and checksum included.
 class GoldenAncConversion : public ::testing::TestWithParam<qvtest::VancPacket> {};

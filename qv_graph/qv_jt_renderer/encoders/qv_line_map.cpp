@@ -155,7 +155,7 @@ bool qv_parse_line_map(const std::string& strText, const qv_line_geometry& g, ui
                     // teletext line sharing that entry, and the one the
                     // packet covers, are no longer teletext.
                     table[l - 2] = qv_line_scte104;
-                    if (table[l - 1] == qv_line_teletext)
+                    if (l - 1 < static_cast<uint32_t>(qv_line_entries) && table[l - 1] == qv_line_teletext)
                         table[l - 1] = qv_line_none;
                 }
             }
