@@ -292,7 +292,9 @@ bool measure(const raster& r, int n, const options& o)
 {
     const size_t frame_bytes = static_cast<size_t>(r.width) * r.height * 2;
     const copy_cost copy = memcpy_us(frame_bytes);
-    const double baseline_s = std::min(o.seconds, 10.0);
+    // A tenth of the run, at least 10 s: the baseline is small and noisy, and
+    // its error goes straight into the element's share.
+    const double baseline_s = std::min(o.seconds, std::max(10.0, std::min(60.0, o.seconds / 10.0)));
     run_result base = run(r, n, o, true, baseline_s);
     teardown(base);
     run_result el = run(r, n, o, false, o.seconds);

@@ -1,5 +1,7 @@
 #include "qv_transform_image.h"
 
+#include "qv_stream_copy.h"
+
 extern "C" {
 #include <libavutil/opt.h>
 #include <libavutil/pixfmt.h>
@@ -386,29 +388,6 @@ int plane_rows(QVEnumFormats f, int w, int h, int rowBytes[4], int rows[4])
     }
 }
 
-#if defined(QV_X86)
-// A copy that bypasses the caches, for pictures too large to stay in them.
-__attribute__((target("avx2"))) void stream_copy_avx2(uint8_t* d, const uint8_t* s, size_t n)
-{
-    size_t i = 0;
-    while (i < n && (reinterpret_cast<uintptr_t>(d + i) % 32) != 0)
-        d[i] = s[i], ++i;
-    for (; i + 128 <= n; i += 128) {
-        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i));
-        const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i + 32));
-        const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i + 64));
-        const __m256i e = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i + 96));
-        _mm256_stream_si256(reinterpret_cast<__m256i*>(d + i), a);
-        _mm256_stream_si256(reinterpret_cast<__m256i*>(d + i + 32), b);
-        _mm256_stream_si256(reinterpret_cast<__m256i*>(d + i + 64), c);
-        _mm256_stream_si256(reinterpret_cast<__m256i*>(d + i + 96), e);
-    }
-    _mm_sfence();
-    if (i < n)
-        std::memcpy(d + i, s + i, n - i);
-}
-#endif
-
 bool use_streaming_stores(const QVImage& dst);
 
 // Rows [y0, y1) of plane p (in that plane's own rows).
@@ -416,16 +395,14 @@ void copy_plane_rows(const QVImage& src, QVImage& dst, int p, int rowBytes, int 
 {
     const int ss = src.stride(p);
     const int ds = dst.stride(p);
-#if defined(QV_X86)
-    if (ss == rowBytes && ds == rowBytes && use_streaming_stores(dst) && __builtin_cpu_supports("avx2")) {
-        stream_copy_avx2(row(dst.data(p), ds, y0), row(src.data(p), ss, y0),
-                         static_cast<size_t>(rowBytes) * static_cast<size_t>(y1 - y0));
-        return;
-    }
-#endif
     if (ss == rowBytes && ds == rowBytes) {
-        std::memcpy(row(dst.data(p), ds, y0), row(src.data(p), ss, y0),
-                    static_cast<size_t>(rowBytes) * static_cast<size_t>(y1 - y0));
+        const size_t n = static_cast<size_t>(rowBytes) * static_cast<size_t>(y1 - y0);
+        if (use_streaming_stores(dst)) {
+            stream_copy(row(dst.data(p), ds, y0), row(src.data(p), ss, y0), n);
+            stream_fence();
+        } else {
+            std::memcpy(row(dst.data(p), ds, y0), row(src.data(p), ss, y0), n);
+        }
         return;
     }
     for (int y = y0; y < y1; ++y)
@@ -485,12 +462,13 @@ void repack_rows(const QVImage& src, QVImage& dst, int y0, int y1, bool bStream)
 #endif
 }
 
-// Streaming stores pay off once a picture no longer fits the caches beside its
-// source (UHD), and need every output row 16-byte aligned.
+// A converted picture waits a latency in the FIFO before it is read again, long
+// after it has left the caches: storing it past them saves the read-for-
+// ownership of every line. The packers' stores need 16-byte aligned rows.
 bool use_streaming_stores(const QVImage& dst)
 {
     const size_t bytes = static_cast<size_t>(dst.stride(0)) * static_cast<size_t>(dst.height());
-    return bytes >= (size_t(12) << 20) && reinterpret_cast<uintptr_t>(dst.data(0)) % 16 == 0 && dst.stride(0) % 16 == 0;
+    return bytes >= kStreamCopyMinBytes && reinterpret_cast<uintptr_t>(dst.data(0)) % 16 == 0 && dst.stride(0) % 16 == 0;
 }
 
 bool repackable_to_uyvy(QVEnumFormats f)
@@ -906,7 +884,9 @@ bool QVTransformImage::transform(const QVImage& src, QVImage& dst)
     p.pDst = &dst;
     const bool bSameSize = src.width() == dst.width() && src.height() == dst.height();
     if (bSameSize && src.format() == dst.format()) {
-        p.nBandRows = p.bands_for(src.width(), src.height());
+        // A plain copy is bound by memory, not by a core: a second thread adds
+        // little speed and costs two wake-ups a picture.
+        p.nBandRows = 1;
         p.run(p.nBandRows, &impl::copy_part);
         return true;
     }

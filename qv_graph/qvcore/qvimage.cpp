@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "qv_stream_copy.h"
+
 namespace QVSDK {
 
 namespace {
@@ -14,17 +16,45 @@ QVSize squareSamples(int w, int h)
     return QVSize(w, h, QVSize::calcPictureAspectRatio(w, h));
 }
 
+// The bytes `rows` rows of `bytes` from p with stride s cover, as [lo, hi).
+void rowSpan(const unsigned char* p, int s, int rows, size_t bytes, const unsigned char*& lo, const unsigned char*& hi)
+{
+    const unsigned char* last = p + std::ptrdiff_t(rows - 1) * s;
+    lo = std::min(p, last);
+    hi = std::max(p, last) + bytes;
+}
+
 // Copies rows of `bytes` bytes; either side may have any stride, including a
 // negative one for bottom-up pictures. Memory shared between the two images
-// (a frame and one of its own fields) is why this moves rather than copies.
+// (a frame and one of its own fields) is moved; whole pictures between
+// separate blocks are streamed past the caches.
 void copyRows(const unsigned char* src, int srcStride, unsigned char* dst, int dstStride, int rows, size_t bytes)
 {
-    if (src == nullptr || dst == nullptr || bytes == 0)
+    if (src == nullptr || dst == nullptr || bytes == 0 || rows <= 0)
         return;
     if (size_t(std::abs(srcStride)) < bytes || size_t(std::abs(dstStride)) < bytes)
         return;
+    const unsigned char *sLo, *sHi, *dLo, *dHi;
+    rowSpan(src, srcStride, rows, bytes, sLo, sHi);
+    rowSpan(dst, dstStride, rows, bytes, dLo, dHi);
+    const bool bApart = sHi <= dLo || dHi <= sLo;
+    if (bApart && size_t(rows) * bytes >= kStreamCopyMinBytes) {
+        if (srcStride == dstStride && size_t(srcStride) == bytes) {
+            stream_copy(dst, src, size_t(rows) * bytes);
+        } else {
+            for (int y = 0; y < rows; ++y)
+                stream_copy(dst + std::ptrdiff_t(y) * dstStride, src + std::ptrdiff_t(y) * srcStride, bytes);
+        }
+        stream_fence();
+        return;
+    }
     for (int y = 0; y < rows; ++y)
         std::memmove(dst + std::ptrdiff_t(y) * dstStride, src + std::ptrdiff_t(y) * srcStride, bytes);
+}
+
+bool isSinglePlane(QVEnumFormats f)
+{
+    return f != FORMAT_NV12 && f != FORMAT_YV12 && f != FORMAT_YUVA && f != FORMAT_IYUV;
 }
 
 // Writes a repeating pixel pattern of `patternBytes` bytes over columns
@@ -268,6 +298,30 @@ void QVImage::copyTo(QVImage& dst) const
         rows(0, h, size_t(w) * size_t(depthFromFormat(m_eFormat)));
         break;
     }
+}
+
+void QVImage::copyFieldsTo(QVImage& upper, QVImage& lower) const
+{
+    const int w = width();
+    const int h = height();
+    const bool bFits = upper.width() == w && lower.width() == w && upper.height() == (h + 1) / 2 &&
+                       lower.height() == h / 2 && upper.format() == m_eFormat && lower.format() == m_eFormat;
+    const size_t bytes = size_t(std::max(w, 0)) * size_t(std::max(depthFromFormat(m_eFormat), 0));
+    if (!bFits || !isSinglePlane(m_eFormat) || h <= 0 || bytes == 0 || size_t(std::abs(stride(0))) < bytes ||
+        size_t(std::abs(upper.stride(0))) < bytes || size_t(std::abs(lower.stride(0))) < bytes ||
+        upper.data(0) == nullptr || lower.data(0) == nullptr || data(0) == nullptr) {
+        getUpperField().copyTo(upper);
+        getLowerField().copyTo(lower);
+        return;
+    }
+    // One pass down the frame in line order: each line is read once and the
+    // reads run in address order, which the prefetcher follows; the field
+    // buffers are written past the caches.
+    for (int y = 0; y < h; ++y) {
+        QVImage& f = (y & 1) == 0 ? upper : lower;
+        stream_copy(f.data(0) + std::ptrdiff_t(y / 2) * f.stride(0), data(0) + std::ptrdiff_t(y) * stride(0), bytes);
+    }
+    stream_fence();
 }
 
 // Every other line of every plane, from firstLine: the plane pointers move

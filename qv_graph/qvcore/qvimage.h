@@ -81,6 +81,10 @@ public:
     // formats without a copy rule.
     void copyTo(QVImage& dst) const;
 
+    // Copies the upper field (even lines) into upper and the lower into lower,
+    // both separate single-field pictures, in one pass over this frame.
+    void copyFieldsTo(QVImage& upper, QVImage& lower) const;
+
     // Views of one field (every other line) of this picture, no copy.
     QVImage getUpperField() const;
     QVImage getLowerField() const;

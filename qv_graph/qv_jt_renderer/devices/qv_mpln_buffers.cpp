@@ -23,6 +23,7 @@ qv_mpln_buffers& qv_mpln_buffers::operator=(qv_mpln_buffers&& other) noexcept
         std::copy(std::begin(other.planes), std::end(other.planes), planes);
         std::copy(std::begin(other.data), std::end(other.data), data);
         std::copy(std::begin(other.mapped), std::end(other.mapped), mapped);
+        nBlankVbiBytes = other.nBlankVbiBytes;
         buff.m.planes = planes;
         std::fill(std::begin(other.data), std::end(other.data), nullptr);
         std::fill(std::begin(other.mapped), std::end(other.mapped), 0);
@@ -43,6 +44,7 @@ void qv_mpln_buffers::unmap()
         data[p] = nullptr;
         mapped[p] = 0;
     }
+    nBlankVbiBytes = 0;
 }
 
 void qv_mpln_buffers::assign_from_driver(const v4l2_buffer& b, const v4l2_plane* p)

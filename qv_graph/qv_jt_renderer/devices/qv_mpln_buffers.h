@@ -15,6 +15,9 @@ struct qv_mpln_buffers {
     v4l2_plane planes[kPlanes]{};
     uint8_t* data[kPlanes] = {nullptr, nullptr, nullptr};
     size_t mapped[kPlanes] = {0, 0, 0}; // mapped lengths, for unmapping
+    // Bytes at the start of plane 0 known to hold packed blank VBI/VANC lines:
+    // a blank field need not be packed into this buffer again.
+    size_t nBlankVbiBytes = 0;
 
     qv_mpln_buffers();
     qv_mpln_buffers(qv_mpln_buffers&& other) noexcept;

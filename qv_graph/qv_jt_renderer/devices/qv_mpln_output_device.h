@@ -70,7 +70,9 @@ private:
     // Writes frames input frames starting at frame first into plane 1 of b.
     void fill_audio(qv_mpln_buffers& b, const QVSDK::QVSound& sound, size_t first, size_t frames);
     size_t audio_capacity(const qv_mpln_buffers& b) const;
-    bool pack_vbi(qv_mpln_buffers& b, int field, const uint8_t* src, size_t nBytes);
+    // bBlank: the lines are known to be all blank (nothing was written).
+    bool pack_vbi(qv_mpln_buffers& b, int field, const uint8_t* src, size_t nBytes, bool bBlank);
+    bool push_vbi(const uint8_t* src, size_t nSize, const bool (&bBlank)[2]);
 
     uint32_t m_nHWBuffers = 3;
     bool m_bFullColorRange = false;

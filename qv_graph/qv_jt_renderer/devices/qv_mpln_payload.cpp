@@ -31,6 +31,7 @@ bool qv_mpln_output_device::push_image(const QVSDK::QVImage& image)
         return false;
     }
     const int field_height = m_nHeight / 2;
+    QVSDK::QVImage dst[2];
     bool ok = true;
     for (int f = 0; f < 2; ++f) {
         qv_mpln_buffers& b = m_vBuffers[m_nFieldBufIndex[f]];
@@ -39,10 +40,11 @@ bool qv_mpln_output_device::push_image(const QVSDK::QVImage& image)
             ok = false;
             continue;
         }
-        QVSDK::QVImage dst(b.data[0] + m_nVbiSize[f], width, field_height, width * 2,
-                           f == 0 ? QVSDK::Single_Field_Upper : QVSDK::Single_Field_Lower, m_videoFormat);
-        (f == 0 ? image.getUpperField() : image.getLowerField()).copyTo(dst);
+        dst[f].InitImage(b.data[0] + m_nVbiSize[f], width, field_height, width * 2,
+                         f == 0 ? QVSDK::Single_Field_Upper : QVSDK::Single_Field_Lower, m_videoFormat);
     }
+    // A field whose buffer is unusable stays empty and is skipped.
+    image.copyFieldsTo(dst[0], dst[1]);
     return ok;
 }
 
@@ -145,14 +147,22 @@ bool qv_mpln_output_device::finish_vbi(const qv_vbi_data& vbi)
     m_VBI.m_nLines[0] = vbi.m_nLines[0];
     m_VBI.m_nLines[1] = vbi.m_nLines[1];
     std::memcpy(m_VBI.m_bUsed, vbi.m_bUsed, sizeof(m_VBI.m_bUsed));
-    return push_vbi(m_VBIdata16bit.data(), m_VBIdata16bit.size());
+    bool bBlank[2];
+    for (int f = 0; f < 2; ++f)
+        bBlank[f] = std::none_of(std::begin(m_VBI.m_bUsed[f]), std::end(m_VBI.m_bUsed[f]), [](bool b) { return b; });
+    return push_vbi(m_VBIdata16bit.data(), m_VBIdata16bit.size(), bBlank);
 }
 
-bool qv_mpln_output_device::pack_vbi(qv_mpln_buffers& b, int field, const uint8_t* src, size_t nBytes)
+bool qv_mpln_output_device::pack_vbi(qv_mpln_buffers& b, int field, const uint8_t* src, size_t nBytes, bool bBlank)
 {
     const size_t size = static_cast<size_t>(m_nVbiSize[field]);
     if (b.data[0] == nullptr || b.mapped[0] < size)
         return false;
+    // Most fields carry no VBI/VANC data at all, and the buffers come round
+    // again and again: a blank area stays blank.
+    if (bBlank && b.nBlankVbiBytes == size)
+        return true;
+    b.nBlankVbiBytes = bBlank ? size : 0;
     size_t written = 0;
     if (src != nullptr && reinterpret_cast<uintptr_t>(src) % alignof(uint16_t) == 0) {
         written = PackVBI_UYVY16toUYVY10(reinterpret_cast<const uint16_t*>(src), nBytes, b.data[0], size);
@@ -175,20 +185,26 @@ bool qv_mpln_output_device::pack_vbi(qv_mpln_buffers& b, int field, const uint8_
 
 bool qv_mpln_output_device::push_vbi(const void* pData, size_t nSize)
 {
-    const uint8_t* src = static_cast<const uint8_t*>(pData);
+    const bool bUnknown[2] = {false, false};
+    return push_vbi(static_cast<const uint8_t*>(pData), nSize, bUnknown);
+}
+
+bool qv_mpln_output_device::push_vbi(const uint8_t* src, size_t nSize, const bool (&bBlank)[2])
+{
     if (src == nullptr)
         nSize = 0;
     if (!is_interlaced()) {
         if (m_nFieldBufIndex[0] < 0)
             return false;
-        return pack_vbi(m_vBuffers[m_nFieldBufIndex[0]], 0, src, nSize);
+        return pack_vbi(m_vBuffers[m_nFieldBufIndex[0]], 0, src, nSize, bBlank[0]);
     }
     if (m_nFieldBufIndex[0] < 0 || m_nFieldBufIndex[1] < 0)
         return false;
     const size_t stride = m_VBI.m_nStride != 0 ? m_VBI.m_nStride : 1;
     const size_t first = std::min(nSize, (nSize / 2 / stride) * stride);
-    const bool ok1 = pack_vbi(m_vBuffers[m_nFieldBufIndex[0]], 0, src, first);
-    const bool ok2 = pack_vbi(m_vBuffers[m_nFieldBufIndex[1]], 1, src == nullptr ? nullptr : src + first, nSize - first);
+    const bool ok1 = pack_vbi(m_vBuffers[m_nFieldBufIndex[0]], 0, src, first, bBlank[0]);
+    const bool ok2 =
+        pack_vbi(m_vBuffers[m_nFieldBufIndex[1]], 1, src == nullptr ? nullptr : src + first, nSize - first, bBlank[1]);
     return ok1 && ok2;
 }
 

@@ -172,22 +172,31 @@ void qv_fifo_engine::add_target(const target_fn& target)
 int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, uint64_t ptsSystemTime,
                                     const QVImage& image, unsigned long hw_time, uint64_t runningTime)
 {
+    qv_video_fifo::slot_loan loan;
+    {
+        std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+        if (ptsStart == QV_TIME_NONE) {
+            g_print("qvjtrenderer: add_video_frame GST_CLOCK_TIME_NONE == ptsStart!\n");
+            return 1;
+        }
+        if (m_was_start) {
+            if (m_ePLLStream == pll_video_stream)
+                update_pll_time(ptsStart, ptsStop, ptsSystemTime);
+            else
+                update_time(ptsStart, ptsStop);
+        }
+        if (!in_window(window_video, ptsStart))
+            return 1;
+        m_bPictureHasDts = ptsReal != QV_TIME_NONE;
+        m_nPictureRunningTime = runningTime;
+        loan = m_video_fifo.lend_slot();
+    }
+    // The copy or conversion runs without the lock: the render thread takes
+    // its pictures meanwhile.
+    if (loan.item)
+        m_video_fifo.fill_slot(image, *loan.item);
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
-    if (ptsStart == QV_TIME_NONE) {
-        g_print("qvjtrenderer: add_video_frame GST_CLOCK_TIME_NONE == ptsStart!\n");
-        return 1;
-    }
-    if (m_was_start) {
-        if (m_ePLLStream == pll_video_stream)
-            update_pll_time(ptsStart, ptsStop, ptsSystemTime);
-        else
-            update_time(ptsStart, ptsStop);
-    }
-    if (!in_window(window_video, ptsStart))
-        return 1;
-    m_bPictureHasDts = ptsReal != QV_TIME_NONE;
-    m_nPictureRunningTime = runningTime;
-    if (!m_video_fifo.add_image(ptsStart, ptsStop, ptsReal, image, hw_time)) {
+    if (!m_video_fifo.add_image(ptsStart, ptsStop, ptsReal, std::move(loan), hw_time)) {
         set_state(fifo_overflow, "video fifo overflow");
         return 0;
     }

@@ -59,6 +59,7 @@ void qv_video_fifo::clear()
 {
     m_video_fifo.clear();
     m_free_video_fifo.clear();
+    m_lent_video_fifo.clear();
     m_pItem.reset();
     m_nLastFrameNumber = -1;
     m_nRealPTS = 0;
@@ -97,9 +98,31 @@ uint64_t qv_video_fifo::number_to_pts(int64_t n) const
     return trunc_to_u64(static_cast<long double>(ns) / static_cast<long double>(m_fps));
 }
 
-bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, const QVSDK::QVImage& image,
+qv_video_fifo::slot_loan qv_video_fifo::lend_slot()
+{
+    if (m_free_video_fifo.empty())
+        return {};
+    // The most recently freed slot, moved node and all, so that queueing allocates nothing.
+    const auto node = std::prev(m_free_video_fifo.end());
+    slot_loan loan{*node};
+    m_lent_video_fifo.splice(m_lent_video_fifo.end(), m_free_video_fifo, node);
+    return loan;
+}
+
+void qv_video_fifo::fill_slot(const QVSDK::QVImage& image, qv_fifo_item& slot)
+{
+    // A picture the engine cannot convert goes out black rather than as the
+    // stale content of a recycled slot.
+    if (!m_image_transform.transform(image, slot.image))
+        slot.image.fillColor(0, 0, 0);
+}
+
+bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, slot_loan loan,
                               unsigned long hw_time)
 {
+    const auto node = std::find(m_lent_video_fifo.begin(), m_lent_video_fifo.end(), loan.item);
+    if (loan.item && node == m_lent_video_fifo.end())
+        return true; // reallocated while it was written: the picture belongs to the old stream
     // A picture is taken to follow its predecessor; one frame of jitter is
     // absorbed by counting, only a larger jump re-anchors to the stamp.
     m_nLastFrameNumber += 1;
@@ -117,21 +140,24 @@ bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsR
     m_nStopTime = ptsStop;
     m_statistics.nFrameArrivalTime = ptsStart;
 
-    if (m_free_video_fifo.empty())
+    if (!loan.item)
         return false;
-    // The most recently freed slot, moved node and all, so that queueing allocates nothing.
-    const auto node = std::prev(m_free_video_fifo.end());
-    qv_fifo_item& item = **node;
-    // A picture the engine cannot convert goes out black rather than as the
-    // stale content of a recycled slot.
-    if (!m_image_transform.transform(image, item.image))
-        item.image.fillColor(0, 0, 0);
+    qv_fifo_item& item = *loan.item;
     item.index = m_nLastFrameNumber;
     item.hw_time = hw_time;
     item.tp = std::chrono::steady_clock::now();
-    m_video_fifo.splice(m_video_fifo.end(), m_free_video_fifo, node);
+    m_video_fifo.splice(m_video_fifo.end(), m_lent_video_fifo, node);
     update_info_fifo();
     return true;
+}
+
+bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, const QVSDK::QVImage& image,
+                              unsigned long hw_time)
+{
+    slot_loan loan = lend_slot();
+    if (loan.item)
+        fill_slot(image, *loan.item);
+    return add_image(ptsStart, ptsStop, ptsReal, std::move(loan), hw_time);
 }
 
 bool qv_video_fifo::map_image(uint64_t nIndex, QVSDK::QVImage& image)

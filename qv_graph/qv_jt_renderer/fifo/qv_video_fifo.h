@@ -40,6 +40,19 @@ public:
     uint64_t pts_to_image_number(uint64_t pts) const;
     uint64_t number_to_pts(int64_t n) const;
 
+    // A free slot lent out to be written without the engine's lock, so that
+    // the render thread never waits while a picture is converted. The FIFO
+    // keeps the slot on a list of its own meanwhile: a reallocation drops it,
+    // a reset leaves it to come back.
+    struct slot_loan {
+        item_ptr item; // empty when no slot was free
+    };
+    slot_loan lend_slot();
+    // Without the lock: converts image into the lent slot (black if it cannot).
+    void fill_slot(const QVSDK::QVImage& image, qv_fifo_item& slot);
+    // Queues a lent slot, numbering it; false when no slot was free.
+    bool add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, slot_loan loan, unsigned long hw_time);
+    // All three steps at once, for callers that hold the lock anyway.
     bool add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, const QVSDK::QVImage& image,
                    unsigned long hw_time);
     bool map_image(uint64_t nIndex, QVSDK::QVImage& image);
@@ -49,7 +62,8 @@ public:
     size_t queued() const { return m_video_fifo.size(); }
     size_t free_items() const { return m_free_video_fifo.size(); }
 
-    // Set up before streaming starts; read by the render thread without the lock.
+    // Set up before streaming starts; read by the render thread without the
+    // lock. The transform is the video pad thread's alone.
     float m_fps = 25.0f;
     QVSDK::QVEnumFormats m_video_format{};
     QVSDK::QVSize m_video_size;
@@ -60,6 +74,7 @@ public:
     // indexes, which the render thread also reads without it during pre-roll.
     std::list<item_ptr> m_video_fifo;      // oldest first
     std::list<item_ptr> m_free_video_fifo; // most recently freed last
+    std::list<item_ptr> m_lent_video_fifo; // being written by the pad thread
     item_ptr m_pItem;                      // picture last handed out
     uint64_t m_nStartTime = 0;
     uint64_t m_nStopTime = 0;

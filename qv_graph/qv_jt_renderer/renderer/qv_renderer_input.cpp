@@ -50,16 +50,21 @@ bool qv_renderer::set_video_cap(GstCaps* pCaps)
 int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts, const QVSDK::QVImage& image,
                                  uint64_t hwTime, uint64_t runningTime)
 {
-    std::lock_guard<std::recursive_mutex> lock(m_cs);
-    // Input is input even while the output device is being reopened.
-    m_alarmDispatcher.video_event();
-    if (!m_mpln_device.is_open() && !m_video_device.is_open())
-        return 1;
-    uint64_t start = 0, stop = 0;
-    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
-        return 1;
-    return m_fifo.add_video_frame(start, stop, dts, device_time_locked(), image,
-                                  static_cast<unsigned long>(hwTime), runningTime);
+    uint64_t start = 0, stop = 0, deviceTime = 0;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_cs);
+        // Input is input even while the output device is being reopened.
+        m_alarmDispatcher.video_event();
+        if (!m_mpln_device.is_open() && !m_video_device.is_open())
+            return 1;
+        if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+            return 1;
+        deviceTime = device_time_locked();
+    }
+    // The FIFO locks for itself; the picture's copy must not hold up the
+    // audio pads waiting for this lock.
+    return m_fifo.add_video_frame(start, stop, dts, deviceTime, image, static_cast<unsigned long>(hwTime),
+                                  runningTime);
 }
 
 int qv_renderer::add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEnd, uint64_t,
