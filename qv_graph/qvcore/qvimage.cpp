@@ -66,11 +66,14 @@ void fillPlane(unsigned char* plane, int stride, int x1, int x2, int y1, int y2,
         return;
     if (size_t(std::abs(stride)) < size_t(x2) * patternBytes)
         return;
-    for (int y = y1; y < y2; ++y) {
-        unsigned char* p = plane + std::ptrdiff_t(y) * stride + size_t(x1) * patternBytes;
-        for (int x = x1; x < x2; ++x, p += patternBytes)
-            std::memcpy(p, pattern, patternBytes);
-    }
+    // The first row is written pixel by pixel, the others copied from it:
+    // whole FIFOs are blanked this way when they are allocated.
+    unsigned char* first = plane + std::ptrdiff_t(y1) * stride + size_t(x1) * patternBytes;
+    const size_t rowBytes = size_t(x2 - x1) * patternBytes;
+    for (size_t o = 0; o < rowBytes; o += patternBytes)
+        std::memcpy(first + o, pattern, patternBytes);
+    for (int y = y1 + 1; y < y2; ++y)
+        std::memcpy(first + std::ptrdiff_t(y - y1) * stride, first, rowBytes);
 }
 
 } // namespace

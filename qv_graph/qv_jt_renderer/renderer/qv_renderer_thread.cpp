@@ -76,6 +76,7 @@ struct qv_renderer::loop_state {
     uint32_t nSeqBase = 0;    // that sequence: output index = start index + (sequence - base)
     uint32_t nQueued = 0;     // frames handed to the device since it was opened
     bool bFailing = false;    // the last buffer request failed (print a failure once per run)
+    bool bPaced = false;      // the last pass was given a buffer: the device's wait paces the loop
 
     // Hardware time lock (multi-plane only).
     int32_t nHWCorrection = 0;
@@ -354,9 +355,15 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
                                                : static_cast<qv_v4l2_base_output_device&>(m_video_device);
 
     for (;;) {
+        // While frames flow, the wait for a device buffer paces the loop and a
+        // pause here would cost a wake-up and a millisecond of margin a frame;
+        // passes that did not reach the device (pre-roll, a refused buffer)
+        // pause, so that they do not spin.
         const bool bIdle = L.bDown || L.bDraining || bNoBoard;
-        if (exit.wait_for(bIdle ? std::chrono::milliseconds(k_idle_wait) : std::chrono::milliseconds(1)) ==
-            std::future_status::ready)
+        const auto pause = bIdle ? std::chrono::milliseconds(k_idle_wait)
+                                 : std::chrono::milliseconds(L.bPaced ? 0 : 1);
+        L.bPaced = false;
+        if (exit.wait_for(pause) == std::future_status::ready)
             break;
         const auto now = steady::now();
         {
@@ -412,6 +419,7 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
             continue;
         }
         L.bStarted = true;
+        L.bPaced = true;
         // The device numbers its frames its own way (from 0 or from 1, lent
         // buffers included): only the distance from the first one counts.
         if (!L.bSeqBase) {
