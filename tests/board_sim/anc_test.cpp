@@ -51,7 +51,7 @@ struct AncCase {
     const char* name;
     bool hd;
     size_t at;
-    int damage; // 0 none, 1 parity of a UDW, 2 checksum, 3 data count past the end
+    int damage; // 0 none, 1 parity of a UDW, 2 checksum, 3 data count past the end, 4 checksum bit 8
 };
 
 class AncDecode : public ::testing::TestWithParam<AncCase> {};
@@ -65,6 +65,8 @@ TEST_P(AncDecode, FindsPacketsAndChecksThem)
         p[8] ^= 0x100;
     if (c.damage == 2)
         p.back() ^= 0x001;
+    if (c.damage == 4)
+        p.back() ^= 0x300; // b8 and its inverse b9: only the 9-bit sum tells
     if (c.damage == 3)
         p[5] = oracle_word(200);
     const size_t samples = c.hd ? 3840 : 1440;
@@ -86,7 +88,7 @@ TEST_P(AncDecode, FindsPacketsAndChecksThem)
     EXPECT_EQ(a.udw, udw);
     EXPECT_EQ(a.parity_ok, c.damage != 1);
     if (c.damage != 1) { // a flipped b8 also changes the 9-bit sum
-        EXPECT_EQ(a.checksum_ok, c.damage != 2);
+        EXPECT_EQ(a.checksum_ok, c.damage != 2 && c.damage != 4);
     }
     EXPECT_FALSE(a.truncated);
 }
@@ -94,7 +96,8 @@ TEST_P(AncDecode, FindsPacketsAndChecksThem)
 INSTANTIATE_TEST_SUITE_P(Cases, AncDecode,
                          ::testing::Values(AncCase{"hd_clean", true, 0, 0}, AncCase{"hd_mid", true, 700, 0},
                                            AncCase{"sd_clean", false, 0, 0}, AncCase{"sd_parity", false, 12, 1},
-                                           AncCase{"hd_checksum", true, 3, 2}, AncCase{"hd_short", true, 0, 3},
+                                           AncCase{"hd_checksum", true, 3, 2}, AncCase{"sd_checksum_b8", false, 5, 4},
+                                           AncCase{"hd_short", true, 0, 3},
                                            AncCase{"sd_short", false, 0, 3}),
                          [](const ::testing::TestParamInfo<AncCase>& p) { return std::string(p.param.name); });
 

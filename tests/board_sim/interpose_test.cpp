@@ -1,7 +1,7 @@
 // The simulator's board configuration text, as the preloaded library reads it.
 #include <gtest/gtest.h>
 
-#include "sim_test_util.h"
+#include "qvboardsim.h"
 
 using namespace qvboardsim;
 

@@ -5,15 +5,13 @@
 #include <glib.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <mutex>
 #include <string>
 #include <vector>
 
 class print_capture {
 public:
-    // echo: the lines still reach stdout, for long end-to-end runs.
-    explicit print_capture(bool echo = false) : m_bEcho(echo)
+    print_capture()
     {
         std::lock_guard<std::mutex> lock(mutex());
         current() = this;
@@ -84,11 +82,8 @@ private:
         if (current() == nullptr)
             return;
         current()->m_lines.emplace_back(text);
-        if (current()->m_bEcho)
-            std::fputs(text, stdout);
     }
 
-    const bool m_bEcho;
     GPrintFunc m_previous = nullptr;
     std::vector<std::string> m_lines;
 };

@@ -109,24 +109,29 @@ inline v4l2_timecode timecode_of(uint64_t f)
     return tc;
 }
 
-// One of the two board devices, driven through the calls the render loop makes.
+inline qv_timecode timecode_of(uint64_t f, bool valid)
+{
+    qv_timecode tc;
+    tc.bValid = valid;
+    tc.timecode = timecode_of(f);
+    return tc;
+}
+
+// One of the two board devices, driven through the calls the render loop makes:
+// acquire is map_image / can_render, release is unmap_image / send_data.
 class device_adapter {
 public:
     virtual ~device_adapter() = default;
     virtual bool init(int& fd, const std::string& path, qv_v4l2_enum_sdi_mode mode, bool watchdog,
                       uint32_t buffers) = 0;
-    // map_image / can_render.
     virtual bool acquire(uint32_t& seq) = 0;
     // Picture, VBI and time code of frame f into the acquired buffer(s).
     virtual void fill(uint64_t f, bool with_timecode) = 0;
-    // unmap_image / send_data.
     virtual bool release() = 0;
-    virtual void close() = 0;
     virtual qv_v4l2_base_output_device& base() = 0;
-    // Frames the ring holds before the first dequeue.
+    // Frames the ring holds before the first dequeue, and clock slots one frame takes.
     virtual unsigned ring_frames() const = 0;
-    // Clock slots one frame takes (fields go out one per slot).
-    virtual unsigned slots_per_frame() const = 0;
+    virtual unsigned slots_per_frame() const { return 1; }
 };
 
 class single_plane_adapter : public device_adapter {
@@ -141,23 +146,16 @@ public:
     void fill(uint64_t f, bool with_timecode) override
     {
         fill_picture(image, f);
-        if (dev.is_vbi_open()) {
-            qv_vbi_data vbi;
-            if (dev.map_vbi(vbi)) {
-                fill_vbi(vbi, f);
-                dev.unmap_vbi();
-            }
+        qv_vbi_data vbi;
+        if (dev.is_vbi_open() && dev.map_vbi(vbi)) {
+            fill_vbi(vbi, f);
+            dev.unmap_vbi();
         }
-        qv_timecode tc;
-        tc.bValid = with_timecode;
-        tc.timecode = timecode_of(f);
-        dev.set_timecode(tc);
+        dev.set_timecode(timecode_of(f, with_timecode));
     }
     bool release() override { return dev.unmap_image(); }
-    void close() override { dev.close_device(); }
     qv_v4l2_base_output_device& base() override { return dev; }
     unsigned ring_frames() const override { return m_nBuffers; }
-    unsigned slots_per_frame() const override { return 1; }
 
     qv_v4l2_output_device dev;
     QVSDK::QVImage image;
@@ -187,19 +185,11 @@ public:
             fill_vbi(vbi, f);
             EXPECT_TRUE(dev.finish_vbi(vbi));
         }
-        qv_timecode tc;
-        tc.bValid = with_timecode;
-        tc.timecode = timecode_of(f);
-        dev.set_timecode(tc);
+        dev.set_timecode(timecode_of(f, with_timecode));
     }
     bool release() override { return dev.send_data(); }
-    void close() override { dev.close_device(); }
     qv_v4l2_base_output_device& base() override { return dev; }
-    unsigned ring_frames() const override
-    {
-        return dev.get_field_order() == QVSDK::FieldOrder_Progressive ? dev.get_buffer_count()
-                                                                        : dev.get_buffer_count() / 2;
-    }
+    unsigned ring_frames() const override { return dev.get_buffer_count() / slots_per_frame(); }
     unsigned slots_per_frame() const override
     {
         return dev.get_field_order() == QVSDK::FieldOrder_Progressive ? 1 : 2;

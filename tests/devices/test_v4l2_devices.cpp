@@ -101,16 +101,12 @@ TEST_P(DeviceFlow, EveryFrameGoesOutAsWritten)
 INSTANTIATE_TEST_SUITE_P(
     Modes, DeviceFlow,
     ::testing::Values(flow_case{NodeKind::single_plane, qv_1920x1080_25p, V4L2_TC_TYPE_25FPS},
-                      flow_case{NodeKind::single_plane, qv_1920x1080_2997p, V4L2_TC_TYPE_25FPS},
                       flow_case{NodeKind::single_plane, qv_1920x1080_5994p, V4L2_TC_TYPE_25FPS},
                       flow_case{NodeKind::single_plane, qv_720x576_25i, V4L2_TC_TYPE_25FPS},
                       flow_case{NodeKind::single_plane, qv_1920x1080_30i, V4L2_TC_TYPE_30FPS},
                       flow_case{NodeKind::multi_plane, qv_1280x720_50p, V4L2_TC_TYPE_25FPS},
-                      flow_case{NodeKind::multi_plane, qv_1920x1080_2997p, V4L2_TC_TYPE_25FPS},
-                      flow_case{NodeKind::multi_plane, qv_1280x720_5994p, V4L2_TC_TYPE_25FPS},
                       flow_case{NodeKind::multi_plane, qv_1920x1080_50p, V4L2_TC_TYPE_50FPS},
                       flow_case{NodeKind::multi_plane, qv_720x576_25i, V4L2_TC_TYPE_25FPS},
-                      flow_case{NodeKind::multi_plane, qv_1920x1080_25i, V4L2_TC_TYPE_25FPS},
                       flow_case{NodeKind::multi_plane, qv_1920x1080_30i, V4L2_TC_TYPE_30FPS}),
     flow_name);
 

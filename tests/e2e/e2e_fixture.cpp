@@ -18,18 +18,25 @@ GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstC
     return b;
 }
 
-void PlayoutTest::make(qvboardsim::NodeKind kind, int mode, unsigned audioLines, qvboardsim::Pacing pacing)
+void configure_board(const std::string& path, qvboardsim::NodeKind kind, int mode, qvboardsim::Pacing pacing,
+                     bool summary)
 {
-    const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    m_strPath = std::string("/dev/qvsim-e2e-video-") + info->name();
     qvboardsim::BoardConfig board;
     board.kind = kind;
-    board.video_path = m_strPath;
+    board.video_path = path;
     board.mode = mode;
     board.pacing = pacing;
     board.capture.memory = true;
     board.capture.memory_limit = 4096;
+    board.capture.summary = summary;
     qvboardsim::Simulator::instance().configure({board});
+}
+
+void PlayoutTest::make(qvboardsim::NodeKind kind, int mode, unsigned audioLines, qvboardsim::Pacing pacing)
+{
+    const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    m_strPath = std::string("/dev/qvsim-e2e-video-") + info->name();
+    configure_board(m_strPath, kind, mode, pacing);
 
     m_pElement = gst_element_factory_make("qvjtrenderer", nullptr);
     ASSERT_NE(m_pElement, nullptr);

@@ -36,5 +36,10 @@ protected:
     std::vector<GstHarness*> m_harnesses;
 };
 
+// Puts one board at path in place of any other, its capture kept in memory
+// (summary: only headers and checksums).
+void configure_board(const std::string& path, qvboardsim::NodeKind kind, int mode, qvboardsim::Pacing pacing,
+                     bool summary = false);
+
 // A UYVY frame whose luma is one value everywhere.
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration);

@@ -1,11 +1,10 @@
 // What goes wrong on the way out reaches the application's bus as warnings,
 // beside the periodic statistics messages, for an application that watches
 // only its bus (gst-launch-1.0 -m, bindings).
-#include "fault_driver.h"
+#include "onair_driver.h"
 #include "qv_renderer.h"
 
 #include <chrono>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -22,17 +21,12 @@ struct Case {
     std::vector<std::string> texts; // every one must appear in some warning
 };
 
-void PrintTo(const Case& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
-class BusReports : public FaultDriverTest, public ::testing::WithParamInterface<Case> {
+class BusReports : public OnAirTest, public ::testing::WithParamInterface<Case> {
 protected:
     void SetUp() override { m_pBus = gst_bus_new(); }
     void TearDown() override
     {
-        FaultDriverTest::TearDown();
+        OnAirTest::TearDown();
         gst_object_unref(m_pBus);
     }
 

@@ -12,7 +12,6 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -41,10 +40,15 @@ int16_t level_of(int n)
     return static_cast<int16_t>(1000 + 16 * n);
 }
 
+constexpr const char* kVideoCaps =
+    "video/x-raw,format=UYVY,width=320,height=180,framerate=50/1,pixel-aspect-ratio=1/1,interlace-mode=progressive";
+
 class HostileInputTest : public PlayoutTest {
+public:
+    using PlayoutTest::harness;
+
 protected:
-    void start_board(const char* videoCaps = "video/x-raw,format=UYVY,width=320,height=180,framerate=50/1,"
-                                             "pixel-aspect-ratio=1/1,interlace-mode=progressive",
+    void start_board(const char* videoCaps = kVideoCaps,
                      const char* audioCaps = "audio/x-raw,format=S16LE,rate=48000,channels=2,layout=interleaved")
     {
         make(NodeKind::multi_plane, 6, 1, qvboardsim::Pacing::stepped);
@@ -188,10 +192,7 @@ TEST_P(AudioFormatTest, PlaysConvertedOnBothChannels)
     const AudioFormat a = GetParam();
     const std::string caps = std::string("audio/x-raw,format=") + a.name +
                              ",rate=48000,layout=interleaved,channels=" + std::to_string(a.channels);
-    start_board(
-        "video/x-raw,format=UYVY,width=320,height=180,framerate=50/1,pixel-aspect-ratio=1/1,"
-        "interlace-mode=progressive",
-        caps.c_str());
+    start_board(kVideoCaps, caps.c_str());
     // Left and right as full-scale 32-bit values, exact in every depth.
     const int32_t left = 0x35 << 24, right = -(0x21 << 24);
     const auto frames = play_frames([&](int n) {
@@ -238,11 +239,6 @@ struct HostileCase {
     std::function<void(HostileInputTest& self, GstHarness* video, GstHarness* audio)> send;
 };
 
-void PrintTo(const HostileCase& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
 GstBuffer* bytes_at(std::vector<uint8_t> bytes, GstClockTime pts)
 {
     GstBuffer* b = gst_buffer_new_memdup(bytes.data(), bytes.size());
@@ -261,10 +257,7 @@ std::vector<uint8_t> garbage(size_t n, uint32_t seed)
     return v;
 }
 
-class HostileBufferTest : public HostileInputTest, public ::testing::WithParamInterface<HostileCase> {
-public:
-    GstHarness* data_pad(const char* pad, const char* caps) { return harness(pad, caps); }
-};
+class HostileBufferTest : public HostileInputTest, public ::testing::WithParamInterface<HostileCase> {};
 
 TEST_P(HostileBufferTest, PlayOutGoesOnAndLosesNothingQueued)
 {
@@ -298,15 +291,14 @@ const HostileCase kHostile[] = {
      }},
     {"TeletextStampAnHourAhead",
      [](HostileInputTest& t, GstHarness*, GstHarness*) {
-         GstHarness* h = static_cast<HostileBufferTest&>(t).data_pad("sink_teletext", "application/x-teletext");
+         GstHarness* h = t.harness("sink_teletext", "application/x-teletext");
          EXPECT_EQ(gst_harness_push(h, bytes_at(garbage(46, 1), kHour)), GST_FLOW_OK);
      }},
     {"GarbageOnTheDataPads",
      [](HostileInputTest& t, GstHarness*, GstHarness*) {
-         auto& self = static_cast<HostileBufferTest&>(t);
-         GstHarness* ttx = self.data_pad("sink_teletext", "application/x-teletext");
-         GstHarness* s104 = self.data_pad("sink_scte104", "application/x-scte104");
-         GstHarness* s35 = self.data_pad("sink_scte35", "application/x-scte35");
+         GstHarness* ttx = t.harness("sink_teletext", "application/x-teletext");
+         GstHarness* s104 = t.harness("sink_scte104", "application/x-scte104");
+         GstHarness* s35 = t.harness("sink_scte35", "application/x-scte35");
          for (uint32_t seed = 1; seed <= 20; ++seed) {
              const size_t n = seed * 37 % 600 + 1;
              const GstClockTime pts = kInject * kFrame + (seed % 3) * kFrame;

@@ -2,7 +2,7 @@
 // configured number of frames after an input stops, whether the play-out
 // still has frames to send (long latency) or has run dry and sits in pre-roll
 // (short latency), and cleared as soon as the input returns.
-#include "fault_driver.h"
+#include "onair_driver.h"
 
 namespace {
 
@@ -15,7 +15,7 @@ struct AlarmCase {
     NodeKind kind;
 };
 
-class InputAlarms : public FaultDriverTest, public ::testing::WithParamInterface<AlarmCase> {
+class InputAlarms : public OnAirTest, public ::testing::WithParamInterface<AlarmCase> {
 protected:
     void push_audio(GstHarness* h)
     {

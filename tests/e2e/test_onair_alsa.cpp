@@ -1,7 +1,7 @@
 // A sound card that is gone when the board restarts: the single-plane output
 // waits for it calmly (no reset storm, one line), keeps the restart alarm up,
 // and plays again as soon as the card is back.
-#include "fault_driver.h"
+#include "onair_driver.h"
 #include "qv_renderer.h"
 
 #include <cstdio>
@@ -53,7 +53,7 @@ constexpr int k_latency_frames = 5; // the fixture's 200 ms at 25 frames/s
 
 } // namespace
 
-TEST_F(FaultDriverTest, LostSoundCardIsRetriedCalmlyAndPlaysWhenBack)
+TEST_F(OnAirTest, LostSoundCardIsRetriedCalmlyAndPlaysWhenBack)
 {
     SoundCard card;
     const auto restarts = [&] { return std::stoull(stat("Number of fifo restarts")); };

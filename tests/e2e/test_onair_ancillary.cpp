@@ -2,10 +2,10 @@
 // SCTE-104 (and SCTE-35 after conversion) in SMPTE 2010 packets, teletext as a
 // WST waveform (sliced by libzvbi) at SD and in OP-47 packets at HD, and line
 // tables that point anywhere.
-#include "onair_stepping.h"
+#include "onair_driver.h"
 
 #include "anc_decode.h"
-#include "../common/print_capture.h"
+#include "mpeg2_crc32.h"
 
 #include <libzvbi.h>
 
@@ -18,6 +18,75 @@ namespace {
 
 using qvboardsim::CapturedFrame;
 using qvboardsim::NodeKind;
+
+struct raster_case {
+    const char* name;
+    NodeKind kind;
+    int mode;
+    uint32_t lines[2]; // VBI/VANC lines of each field
+};
+
+const raster_case k_sd{"SinglePlane576i", NodeKind::single_plane, 0, {22, 23}};
+const raster_case k_720{"MultiPlane720p", NodeKind::multi_plane, 6, {25, 0}};
+const raster_case k_1080i{"MultiPlane1080i", NodeKind::multi_plane, 2, {20, 21}};
+const raster_case k_1080p{"SinglePlane1080p", NodeKind::single_plane, 11, {41, 0}};
+const raster_case k_rasters[] = {k_sd, k_720, k_1080i, k_1080p};
+
+template <class P>
+std::string param_name(const ::testing::TestParamInfo<P>& i)
+{
+    return i.param.name;
+}
+
+// Every ANC packet of DID/SDID in a record, with its row; parity and checksum must hold.
+template <class Fn>
+void for_each_anc(const CapturedFrame& f, bool hd, uint8_t did, uint8_t sdid, Fn fn)
+{
+    for (uint32_t r = 0; r < f.vbi_lines; ++r)
+        for (const auto& p : qvboardsim::find_anc(f.vbi.data() + size_t(r) * f.vbi_samples, f.vbi_samples, r, hd))
+            if (p.did == did && p.sdid == sdid) {
+                EXPECT_TRUE(p.parity_ok && p.checksum_ok && !p.truncated) << "row " << r;
+                fn(p, r);
+            }
+}
+
+// Rows of a record that are not blank (black is 0x200 / 0x040).
+std::set<uint32_t> written_rows(const CapturedFrame& f)
+{
+    std::set<uint32_t> rows;
+    for (uint32_t r = 0; r < f.vbi_lines; ++r)
+        for (uint32_t s = 0; s < f.vbi_samples; ++s)
+            if (f.vbi[size_t(r) * f.vbi_samples + s] != (s % 2 == 0 ? 0x200 : 0x040)) {
+                rows.insert(r);
+                break;
+            }
+    return rows;
+}
+
+class Ancillary : public OnAirTest {
+protected:
+    // The board of raster r with lines first..last of the line table set to
+    // service, video and one data pad; play() is left to the caller.
+    GstHarness* start(const raster_case& r, int first, int last, guint8 service, const char* pad, const char* caps)
+    {
+        make_onair(r.kind, r.mode);
+        guint8 lines[64] = {};
+        std::fill(lines + first - 1, lines + last, service);
+        g_object_set(m_pElement, "vbi_lines", lines, nullptr);
+        m_video = harness("sink_video", video_caps().c_str());
+        return harness(pad, caps);
+    }
+    void push(GstHarness* h, const std::vector<uint8_t>& bytes, int frame = -1)
+    {
+        GstBuffer* b = gst_buffer_new_memdup(bytes.data(), bytes.size());
+        if (frame >= 0) {
+            GST_BUFFER_PTS(b) = frame * frame_ns();
+            GST_BUFFER_DURATION(b) = frame_ns();
+        }
+        ASSERT_EQ(gst_harness_push(h, b), GST_FLOW_OK);
+    }
+    void push_video(int i) { ASSERT_EQ(gst_harness_push(m_video, tagged_frame(i)), GST_FLOW_OK); }
+};
 
 // ---- SCTE-104 ----------------------------------------------------------------
 
@@ -32,17 +101,6 @@ std::vector<uint8_t> scte104_message(uint32_t id)
     return m;
 }
 
-uint32_t crc32_mpeg(const uint8_t* p, size_t n)
-{
-    uint32_t crc = 0xFFFFFFFFu;
-    for (size_t i = 0; i < n; ++i) {
-        crc ^= static_cast<uint32_t>(p[i]) << 24;
-        for (int b = 0; b < 8; ++b)
-            crc = (crc & 0x80000000u) ? (crc << 1) ^ 0x04C11DB7u : crc << 1;
-    }
-    return crc;
-}
-
 // The splice_insert sample section of the SCTE 35 standard with its
 // splice_event_id replaced by id, behind a pointer field of 0.
 std::vector<uint8_t> scte35_section(uint32_t id)
@@ -53,7 +111,7 @@ std::vector<uint8_t> scte35_section(uint32_t id)
     g_free(s);
     for (int k = 0; k < 4; ++k)
         v[14 + k] = static_cast<uint8_t>(id >> (24 - 8 * k));
-    const uint32_t crc = crc32_mpeg(v.data(), v.size() - 4);
+    const uint32_t crc = mpegcore::mpeg2_crc32(v.data(), v.size() - 4);
     for (int k = 0; k < 4; ++k)
         v[v.size() - 4 + k] = static_cast<uint8_t>(crc >> (24 - 8 * k));
     v.insert(v.begin(), 0x00);
@@ -69,58 +127,46 @@ struct scte_seen {
 
 void find_scte104(const CapturedFrame& f, bool hd, std::vector<scte_seen>& out)
 {
-    for (uint32_t r = 0; r < f.vbi_lines; ++r)
-        for (const auto& p : qvboardsim::find_anc(f.vbi.data() + size_t(r) * f.vbi_samples, f.vbi_samples, r, hd)) {
-            if (p.did != 0x41 || p.sdid != 0x07)
-                continue;
-            EXPECT_TRUE(p.parity_ok && p.checksum_ok && !p.truncated) << "row " << r;
-            // After the payload descriptor: the message; its event id sits at
-            // byte 17 for both what went in and what SCTE-35 became.
-            if (p.udw.size() < 1 + 21)
-                continue;
-            const uint8_t* m = p.udw.data() + 1;
-            out.push_back({(uint32_t(m[17]) << 24) | (m[18] << 16) | (m[19] << 8) | m[20], r, OnAirTest::frame_of(f)});
-        }
+    for_each_anc(f, hd, 0x41, 0x07, [&](const qvboardsim::AncPacket& p, uint32_t r) {
+        // After the payload descriptor: the message; its event id sits at
+        // byte 17 for both what went in and what SCTE-35 became.
+        if (p.udw.size() < 1 + 21)
+            return;
+        const uint8_t* m = p.udw.data() + 1;
+        out.push_back({(uint32_t(m[17]) << 24) | (m[18] << 16) | (m[19] << 8) | m[20], r, OnAirTest::frame_of(f)});
+    });
 }
 
 struct message_case {
     const char* name;
-    NodeKind kind;
-    int mode;
+    raster_case raster;
     bool scte35;
 };
 
-class OnAirMessages : public OnAirTest, public ::testing::WithParamInterface<message_case> {};
+class OnAirMessages : public Ancillary, public ::testing::WithParamInterface<message_case> {};
 
 // N messages in, N packets out, each once, on the configured line, in the
 // frame of the picture it was stamped with.
 TEST_P(OnAirMessages, EachMessageGoesOutOnceOnItsLineWithItsPicture)
 {
     const message_case& c = GetParam();
-    make_onair(c.kind, c.mode);
-    guint8 lines[64] = {};
-    lines[9] = 2; // SCTE-104 on row 10
-    g_object_set(m_pElement, "vbi_lines", lines, nullptr);
-    GstHarness* video = harness("sink_video", video_caps().c_str());
-    GstHarness* scte = c.scte35 ? harness("sink_scte35", "application/x-scte35")
-                                : harness("sink_scte104", "application/x-scte104");
+    GstHarness* scte = c.scte35 ? start(c.raster, 10, 10, 2, "sink_scte35", "application/x-scte35")
+                                : start(c.raster, 10, 10, 2, "sink_scte104", "application/x-scte104");
     play();
-
     const int nFrames = 80;
     std::map<uint32_t, int> sent; // event id -> frame it was stamped with
     std::vector<scte_seen> seen;
     run(
         nFrames,
         [&](int i) {
-            ASSERT_EQ(gst_harness_push(video, tagged_frame(i)), GST_FLOW_OK);
+            push_video(i);
             if (i >= 12 && i < nFrames - 20 && i % 3 == 0) {
                 const uint32_t id = 0x48000000u + static_cast<uint32_t>(i);
-                const auto bytes = c.scte35 ? scte35_section(id) : scte104_message(id);
-                ASSERT_EQ(gst_harness_push(scte, gst_buffer_new_memdup(bytes.data(), bytes.size())), GST_FLOW_OK);
+                push(scte, c.scte35 ? scte35_section(id) : scte104_message(id));
                 sent[id] = i;
             }
         },
-        [&](const CapturedFrame& f) { find_scte104(f, c.mode != 0, seen); });
+        [&](const CapturedFrame& f) { find_scte104(f, m_row.isHD, seen); });
 
     std::map<uint32_t, int> times;
     std::map<int, int> offsets; // output frame minus stamped frame -> messages
@@ -137,12 +183,12 @@ TEST_P(OnAirMessages, EachMessageGoesOutOnceOnItsLineWithItsPicture)
 }
 
 INSTANTIATE_TEST_SUITE_P(Boards, OnAirMessages,
-                         ::testing::Values(message_case{"SinglePlane576i", NodeKind::single_plane, 0, false},
-                                           message_case{"MultiPlane720p", NodeKind::multi_plane, 6, false},
-                                           message_case{"MultiPlane1080i", NodeKind::multi_plane, 2, false},
-                                           message_case{"Scte35SinglePlane1080p", NodeKind::single_plane, 11, true},
-                                           message_case{"Scte35MultiPlane720p", NodeKind::multi_plane, 6, true}),
-                         [](const ::testing::TestParamInfo<message_case>& i) { return std::string(i.param.name); });
+                         ::testing::Values(message_case{"SinglePlane576i", k_sd, false},
+                                           message_case{"MultiPlane720p", k_720, false},
+                                           message_case{"MultiPlane1080i", k_1080i, false},
+                                           message_case{"Scte35SinglePlane1080p", k_1080p, true},
+                                           message_case{"Scte35MultiPlane720p", k_720, true}),
+                         param_name<message_case>);
 
 // ---- teletext -----------------------------------------------------------------
 
@@ -166,52 +212,27 @@ std::array<uint8_t, 42> page_row(int i, int k)
     return b;
 }
 
-struct row_place {
-    bool first; // field
-    int offset; // data unit line offset
-};
+// A four-row page a frame, two rows in each field: (first field, data unit line offset).
+constexpr std::pair<bool, int> k_rows[4] = {{true, 7}, {true, 8}, {false, 20}, {false, 21}};
 
-// A four-row page a frame: two rows in each field.
-constexpr row_place k_rows[4] = {{true, 7}, {true, 8}, {false, 20}, {false, 21}};
-
-GstBuffer* teletext_pes(int i, GstClockTime pts, GstClockTime duration)
+// A PES data field of EBU data units: (first field, line offset, the 42 bytes as they go out).
+std::vector<uint8_t> teletext_pes(const std::vector<std::tuple<bool, int, std::array<uint8_t, 42>>>& units)
 {
     std::vector<uint8_t> d = {0x10};
-    for (int k = 0; k < 4; ++k) {
-        d.insert(d.end(), {0x02, 0x2C, static_cast<uint8_t>(0xC0 | (k_rows[k].first ? 0x20 : 0) | k_rows[k].offset),
-                           0xE4});
-        for (uint8_t v : page_row(i, k))
+    for (const auto& [first, offset, bytes] : units) {
+        d.insert(d.end(), {0x02, 0x2C, static_cast<uint8_t>(0xC0 | (first ? 0x20 : 0) | offset), 0xE4});
+        for (uint8_t v : bytes)
             d.push_back(reverse_bits(v));
     }
-    GstBuffer* b = gst_buffer_new_memdup(d.data(), d.size());
-    GST_BUFFER_PTS(b) = pts;
-    GST_BUFFER_DURATION(b) = duration;
-    return b;
+    return d;
 }
 
-// Where a packet went out: ITU line (SD) or field and VANC row (HD), and
-// what its descriptor says (HD).
-using packet_key = std::pair<int, int>; // (frame, row of the page)
-
-struct teletext_case {
-    const char* name;
-    NodeKind kind;
-    int mode;
-};
-
-class OnAirTeletext : public OnAirTest, public ::testing::WithParamInterface<teletext_case> {};
+class OnAirTeletext : public Ancillary, public ::testing::WithParamInterface<raster_case> {};
 
 // A subtitle page every frame for 10 s: every packet exactly once, on its line and field.
 TEST_P(OnAirTeletext, EveryPacketOnceOnItsLineAndField)
 {
-    const teletext_case& c = GetParam();
-    make_onair(c.kind, c.mode);
-    guint8 lines[64] = {};
-    for (int l = 7; l <= 22; ++l)
-        lines[l - 1] = 1;
-    g_object_set(m_pElement, "vbi_lines", lines, nullptr);
-    GstHarness* video = harness("sink_video", video_caps().c_str());
-    GstHarness* ttx = harness("sink_teletext", "application/x-teletext");
+    GstHarness* ttx = start(GetParam(), 7, 22, 1, "sink_teletext", "application/x-teletext");
     play();
     const bool hd = m_row.isHD;
 
@@ -233,30 +254,31 @@ TEST_P(OnAirTeletext, EveryPacketOnceOnItsLineAndField)
     }
 
     const int nFrames = static_cast<int>(10 * m_row.fps);
-    std::map<packet_key, int> times;
+    std::map<std::pair<int, int>, int> times; // (frame, row of the page) -> packets
     int frames = 0, wrong = 0, wrongFrame = 0;
     std::set<int> sdpLines;
     auto account = [&](const uint8_t* data, bool first, int offset, int frame) {
         const int i = data[0], k = data[1];
-        if (k > 3 || page_row(i, k) != [&] {
-                std::array<uint8_t, 42> a{};
-                std::copy(data, data + 42, a.begin());
-                return a;
-            }()) {
+        std::array<uint8_t, 42> a{};
+        std::copy(data, data + 42, a.begin());
+        if (k > 3 || page_row(i, k) != a) {
             ++wrong;
             return;
         }
         ++times[{i, k}];
         EXPECT_EQ(first, k_rows[k].first) << "frame " << i << " row " << k;
-        EXPECT_EQ(offset, k_rows[k].offset) << "frame " << i << " row " << k;
+        EXPECT_EQ(offset, k_rows[k].second) << "frame " << i << " row " << k;
         wrongFrame += (i % 200) != frame;
     };
     std::vector<uint8_t> raw;
     run(
         nFrames,
         [&](int i) {
-            ASSERT_EQ(gst_harness_push(video, tagged_frame(i)), GST_FLOW_OK);
-            ASSERT_EQ(gst_harness_push(ttx, teletext_pes(i, i * frame_ns(), frame_ns())), GST_FLOW_OK);
+            push_video(i);
+            std::vector<std::tuple<bool, int, std::array<uint8_t, 42>>> units;
+            for (int k = 0; k < 4; ++k)
+                units.emplace_back(k_rows[k].first, k_rows[k].second, page_row(i, k));
+            push(ttx, teletext_pes(units), i);
         },
         [&](const CapturedFrame& f) {
             ++frames;
@@ -278,36 +300,31 @@ TEST_P(OnAirTeletext, EveryPacketOnceOnItsLineAndField)
             }
             // OP-47: subtitling data packets in the VANC luma.
             const bool first = f.field != V4L2_FIELD_BOTTOM;
-            for (uint32_t r = 0; r < f.vbi_lines; ++r)
-                for (const auto& p :
-                     qvboardsim::find_anc(f.vbi.data() + size_t(r) * f.vbi_samples, f.vbi_samples, r, true)) {
-                    if (p.did != 0x43 || p.sdid != 0x02)
+            for_each_anc(f, true, 0x43, 0x02, [&](const qvboardsim::AncPacket& p, uint32_t r) {
+                sdpLines.insert((first ? 0 : 100) + static_cast<int>(r) + 1);
+                const auto& u = p.udw;
+                ASSERT_GE(u.size(), 13u);
+                ASSERT_EQ(u[0], 0x51);
+                ASSERT_EQ(u[1], 0x15);
+                ASSERT_EQ(u[2], u.size());
+                uint8_t sum = 0;
+                for (uint8_t v : u)
+                    sum = static_cast<uint8_t>(sum + v);
+                EXPECT_EQ(sum, 0);
+                size_t at = 9;
+                for (int d = 0; d < 5; ++d) {
+                    const uint8_t desc = u[4 + d];
+                    if (desc == 0)
                         continue;
-                    EXPECT_TRUE(p.parity_ok && p.checksum_ok && !p.truncated);
-                    sdpLines.insert((first ? 0 : 100) + static_cast<int>(r) + 1);
-                    const auto& u = p.udw;
-                    ASSERT_GE(u.size(), 13u);
-                    ASSERT_EQ(u[0], 0x51);
-                    ASSERT_EQ(u[1], 0x15);
-                    ASSERT_EQ(u[2], u.size());
-                    uint8_t sum = 0;
-                    for (uint8_t v : u)
-                        sum = static_cast<uint8_t>(sum + v);
-                    EXPECT_EQ(sum, 0);
-                    size_t at = 9;
-                    for (int d = 0; d < 5; ++d) {
-                        const uint8_t desc = u[4 + d];
-                        if (desc == 0)
-                            continue;
-                        ASSERT_LE(at + 45 + 4, u.size());
-                        EXPECT_EQ(u[at + 2], 0x27) << "framing code";
-                        // The descriptor says the packet's own field; the SDP rides in its field's VANC.
-                        const bool descFirst = (desc & 0x80) != 0;
-                        EXPECT_EQ(descFirst, first);
-                        account(&u[at + 3], descFirst, desc & 0x1F, frame_of(f));
-                        at += 45;
-                    }
+                    ASSERT_LE(at + 45 + 4, u.size());
+                    EXPECT_EQ(u[at + 2], 0x27) << "framing code";
+                    // The descriptor says the packet's own field; the SDP rides in its field's VANC.
+                    const bool descFirst = (desc & 0x80) != 0;
+                    EXPECT_EQ(descFirst, first);
+                    account(&u[at + 3], descFirst, desc & 0x1F, frame_of(f));
+                    at += 45;
                 }
+            });
         });
     vbi_raw_decoder_destroy(&rd);
 
@@ -331,44 +348,13 @@ TEST_P(OnAirTeletext, EveryPacketOnceOnItsLineAndField)
 }
 
 INSTANTIATE_TEST_SUITE_P(Rasters, OnAirTeletext,
-                         ::testing::Values(teletext_case{"Wst576i", NodeKind::single_plane, 0},
-                                           teletext_case{"Op47At1080i", NodeKind::multi_plane, 2}),
-                         [](const ::testing::TestParamInfo<teletext_case>& i) { return std::string(i.param.name); });
-
-} // namespace
+                         ::testing::Values(raster_case{"Wst576i", NodeKind::single_plane, 0, {22, 23}},
+                                           raster_case{"Op47At1080i", NodeKind::multi_plane, 2, {20, 21}}),
+                         param_name<raster_case>);
 
 // ---- line tables ----------------------------------------------------------------
 
-namespace {
-
-// Rows of a record that are not blank (black is 0x200 / 0x040).
-std::set<uint32_t> written_rows(const CapturedFrame& f)
-{
-    std::set<uint32_t> rows;
-    for (uint32_t r = 0; r < f.vbi_lines; ++r)
-        for (uint32_t s = 0; s < f.vbi_samples; ++s)
-            if (f.vbi[size_t(r) * f.vbi_samples + s] != (s % 2 == 0 ? 0x200 : 0x040)) {
-                rows.insert(r);
-                break;
-            }
-    return rows;
-}
-
-struct raster_case {
-    const char* name;
-    NodeKind kind;
-    int mode;
-    uint32_t lines[2]; // VBI/VANC lines of each field
-};
-
-const raster_case k_rasters[] = {
-    {"SinglePlane576i", NodeKind::single_plane, 0, {22, 23}},
-    {"MultiPlane720p", NodeKind::multi_plane, 6, {25, 0}},
-    {"MultiPlane1080i", NodeKind::multi_plane, 2, {20, 21}},
-    {"SinglePlane1080p", NodeKind::single_plane, 11, {41, 0}},
-};
-
-class OnAirTeletextLines : public OnAirTest, public ::testing::WithParamInterface<raster_case> {};
+class OnAirTeletextLines : public Ancillary, public ::testing::WithParamInterface<raster_case> {};
 
 // Every line entry set to teletext and a data unit for every line offset of
 // both fields: what lies inside the area is written there, what lies outside
@@ -376,32 +362,25 @@ class OnAirTeletextLines : public OnAirTest, public ::testing::WithParamInterfac
 TEST_P(OnAirTeletextLines, InsideTheAreaOrRefusedOnce)
 {
     const raster_case& c = GetParam();
-    make_onair(c.kind, c.mode);
-    guint8 lines[64];
-    std::fill(std::begin(lines), std::end(lines), 1);
-    g_object_set(m_pElement, "vbi_lines", lines, nullptr);
-    GstHarness* video = harness("sink_video", video_caps().c_str());
-    GstHarness* ttx = harness("sink_teletext", "application/x-teletext");
+    GstHarness* ttx = start(c, 1, 64, 1, "sink_teletext", "application/x-teletext");
     print_capture console;
     play();
 
-    std::vector<uint8_t> pes = {0x10};
+    std::vector<std::tuple<bool, int, std::array<uint8_t, 42>>> units;
     for (int field = 0; field < 2; ++field)
         for (int offset = 0; offset < 32; ++offset) {
-            pes.insert(pes.end(), {0x02, 0x2C, static_cast<uint8_t>(0xC0 | (field == 0 ? 0x20 : 0) | offset), 0xE4});
-            for (int j = 0; j < 42; ++j)
-                pes.push_back(static_cast<uint8_t>(0x80 + offset));
+            std::array<uint8_t, 42> bytes;
+            bytes.fill(reverse_bits(static_cast<uint8_t>(0x80 + offset)));
+            units.emplace_back(field == 0, offset, bytes);
         }
+    const std::vector<uint8_t> pes = teletext_pes(units);
     std::set<uint32_t> rows[2];
     int frames = 0;
     run(
         16,
         [&](int i) {
-            ASSERT_EQ(gst_harness_push(video, tagged_frame(i)), GST_FLOW_OK);
-            GstBuffer* b = gst_buffer_new_memdup(pes.data(), pes.size());
-            GST_BUFFER_PTS(b) = i * frame_ns();
-            GST_BUFFER_DURATION(b) = frame_ns();
-            ASSERT_EQ(gst_harness_push(ttx, b), GST_FLOW_OK);
+            push_video(i);
+            push(ttx, pes, i);
         },
         [&](const CapturedFrame& f) {
             ++frames;
@@ -441,15 +420,14 @@ TEST_P(OnAirTeletextLines, InsideTheAreaOrRefusedOnce)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rasters, OnAirTeletextLines, ::testing::ValuesIn(k_rasters),
-                         [](const ::testing::TestParamInfo<raster_case>& i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rasters, OnAirTeletextLines, ::testing::ValuesIn(k_rasters), param_name<raster_case>);
 
 struct scte_line_case {
     raster_case raster;
     int entry; // "vbi_lines" entry set to SCTE-104 (1 to 64)
 };
 
-class OnAirScteLines : public OnAirTest, public ::testing::WithParamInterface<scte_line_case> {};
+class OnAirScteLines : public Ancillary, public ::testing::WithParamInterface<scte_line_case> {};
 
 // An SCTE-104 line entry goes out on its row when the first field's area has
 // it, and is otherwise refused with one message, whatever the message count.
@@ -457,12 +435,7 @@ TEST_P(OnAirScteLines, InsideTheAreaOrRefusedOnce)
 {
     const raster_case& c = GetParam().raster;
     const int entry = GetParam().entry;
-    make_onair(c.kind, c.mode);
-    guint8 lines[64] = {};
-    lines[entry - 1] = 2;
-    g_object_set(m_pElement, "vbi_lines", lines, nullptr);
-    GstHarness* video = harness("sink_video", video_caps().c_str());
-    GstHarness* scte = harness("sink_scte104", "application/x-scte104");
+    GstHarness* scte = start(c, entry, entry, 2, "sink_scte104", "application/x-scte104");
     print_capture console;
     play();
     std::vector<scte_seen> seen;
@@ -471,10 +444,9 @@ TEST_P(OnAirScteLines, InsideTheAreaOrRefusedOnce)
     run(
         24,
         [&](int i) {
-            ASSERT_EQ(gst_harness_push(video, tagged_frame(i)), GST_FLOW_OK);
+            push_video(i);
             if (i >= 10 && i < 16) {
-                const auto m = scte104_message(static_cast<uint32_t>(i));
-                ASSERT_EQ(gst_harness_push(scte, gst_buffer_new_memdup(m.data(), m.size())), GST_FLOW_OK);
+                push(scte, scte104_message(static_cast<uint32_t>(i)));
                 ++sent;
             }
         },

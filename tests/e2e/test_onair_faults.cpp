@@ -2,11 +2,8 @@
 // play-out continues or comes back within the latency plus two frames, the
 // order of pictures is kept, the console stays quiet while the device is away,
 // and the application can always stop the element within a second.
-#include "fault_driver.h"
+#include "onair_driver.h"
 #include "qv_renderer.h"
-
-#include <cstdio>
-#include <cstdlib>
 
 namespace {
 
@@ -31,7 +28,7 @@ std::string case_name(const ::testing::TestParamInfo<FaultCase>& info)
            (info.param.kind == NodeKind::multi_plane ? "_MultiPlane" : "_SinglePlane");
 }
 
-class FaultMatrix : public FaultDriverTest, public ::testing::WithParamInterface<FaultCase> {};
+class FaultMatrix : public OnAirTest, public ::testing::WithParamInterface<FaultCase> {};
 
 TEST_P(FaultMatrix, PlayOutContinuesOrComesBackAndTheElementStops)
 {
@@ -69,13 +66,11 @@ TEST_P(FaultMatrix, PlayOutContinuesOrComesBackAndTheElementStops)
         sim.disconnect(m_strPath);
         // The input stays live while the node is away. The loss itself is
         // reported (a burst of lines); after that the console stays quiet.
-        // QVJT_GONE_MS stretches the long gap for a one-off measurement (e.g. 30000).
-        const char* pGone = std::getenv("QVJT_GONE_MS");
-        const int ms = c.fault == Fault::gone_2s ? (pGone ? std::atoi(pGone) : 2000) : 500;
+        const int ms = c.fault == Fault::gone_2s ? 2000 : 500;
         std::unique_ptr<print_capture> lines;
         for (int i = 0; i < ms / 40; ++i) {
             if (!lines && renderer()->output_down())
-                lines = std::make_unique<print_capture>(true);
+                lines = std::make_unique<print_capture>();
             push_frame();
             step(m_nSlots);
             g_usleep(40000);
@@ -145,29 +140,25 @@ TEST_P(FaultMatrix, PlayOutContinuesOrComesBackAndTheElementStops)
         EXPECT_EQ(v[i], v[i - 1] + 1) << "at output frame " << i;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    OnAirFaults, FaultMatrix,
-    ::testing::Values(FaultCase{"ErroredBuffers", Fault::errored_buffers, NodeKind::single_plane},
-                      FaultCase{"ErroredBuffers", Fault::errored_buffers, NodeKind::multi_plane},
-                      FaultCase{"FailingQbuf", Fault::failing_qbuf, NodeKind::single_plane},
-                      FaultCase{"FailingQbuf", Fault::failing_qbuf, NodeKind::multi_plane},
-                      FaultCase{"FailingDqbuf", Fault::failing_dqbuf, NodeKind::single_plane},
-                      FaultCase{"FailingDqbuf", Fault::failing_dqbuf, NodeKind::multi_plane},
-                      FaultCase{"DroppedFrames", Fault::dropped_frames, NodeKind::single_plane},
-                      FaultCase{"DroppedFrames", Fault::dropped_frames, NodeKind::multi_plane},
-                      FaultCase{"Stall", Fault::stall, NodeKind::single_plane},
-                      FaultCase{"Stall", Fault::stall, NodeKind::multi_plane},
-                      FaultCase{"Gone500ms", Fault::gone_500ms, NodeKind::single_plane},
-                      FaultCase{"Gone500ms", Fault::gone_500ms, NodeKind::multi_plane},
-                      FaultCase{"Gone2s", Fault::gone_2s, NodeKind::single_plane},
-                      FaultCase{"Gone2s", Fault::gone_2s, NodeKind::multi_plane},
-                      FaultCase{"Watchdog", Fault::watchdog, NodeKind::single_plane},
-                      FaultCase{"Watchdog", Fault::watchdog, NodeKind::multi_plane}),
-    case_name);
+std::vector<FaultCase> fault_cases()
+{
+    const std::pair<const char*, Fault> faults[] = {
+        {"ErroredBuffers", Fault::errored_buffers}, {"FailingQbuf", Fault::failing_qbuf},
+        {"FailingDqbuf", Fault::failing_dqbuf},     {"DroppedFrames", Fault::dropped_frames},
+        {"Stall", Fault::stall},                     {"Gone500ms", Fault::gone_500ms},
+        {"Gone2s", Fault::gone_2s},                  {"Watchdog", Fault::watchdog}};
+    std::vector<FaultCase> v;
+    for (const auto& [name, fault] : faults)
+        for (NodeKind kind : {NodeKind::single_plane, NodeKind::multi_plane})
+            v.push_back({name, fault, kind});
+    return v;
+}
+
+INSTANTIATE_TEST_SUITE_P(OnAirFaults, FaultMatrix, ::testing::ValuesIn(fault_cases()), case_name);
 
 // A device that keeps failing is restarted about once a second, not at the
 // frame rate, and the restart alarm stays up meanwhile.
-TEST_F(FaultDriverTest, DeviceThatKeepsFailingBacksOffInsteadOfResettingEveryFrame)
+TEST_F(OnAirTest, DeviceThatKeepsFailingBacksOffInsteadOfResettingEveryFrame)
 {
     make_sd(NodeKind::single_plane);
     AlarmRecorder& alarms = install_alarms(1000);
@@ -188,7 +179,7 @@ TEST_F(FaultDriverTest, DeviceThatKeepsFailingBacksOffInsteadOfResettingEveryFra
 
 // Board values written while on air wait for the next NULL -> READY: an
 // internal reset reopens the board as it went on air, and the pads stay.
-TEST_F(FaultDriverTest, BoardValuesWrittenWhilePlayingWaitForTheNextOpen)
+TEST_F(OnAirTest, BoardValuesWrittenWhilePlayingWaitForTheNextOpen)
 {
     make_sd(NodeKind::single_plane);
     play();
@@ -217,7 +208,7 @@ TEST_F(FaultDriverTest, BoardValuesWrittenWhilePlayingWaitForTheNextOpen)
 
 // After the end of a stream, a flush and a new stream play again from their
 // own time base; the end is posted once per stream.
-TEST_F(FaultDriverTest, FlushAfterEndOfStreamPlaysTheNextStream)
+TEST_F(OnAirTest, FlushAfterEndOfStreamPlaysTheNextStream)
 {
     make_sd(NodeKind::single_plane, 0, [&] { g_object_set(m_pElement, "number_of_audio_lines", gulong(0), nullptr); });
     GstBus* bus = gst_bus_new();
@@ -264,14 +255,7 @@ TEST_P(EosTest, PipelineEndsAfterTheLastQueuedFrameWentOut)
 {
     const NodeKind kind = GetParam();
     const std::string path = std::string("/dev/qvsim-e2e-video-eos") + (kind == NodeKind::multi_plane ? "mp" : "sp");
-    qvboardsim::BoardConfig board;
-    board.kind = kind;
-    board.video_path = path;
-    board.mode = 0;
-    board.pacing = qvboardsim::Pacing::stepped;
-    board.capture.memory = true;
-    board.capture.summary = true;
-    Simulator::instance().configure({board});
+    configure_board(path, kind, 0, qvboardsim::Pacing::stepped, true);
     const unsigned nSlots = kind == NodeKind::multi_plane ? 2 : 1;
 
     const std::string launch = "videotestsrc num-buffers=50 ! video/x-raw,format=UYVY,width=720,height=576,"

@@ -1,6 +1,6 @@
 // Every SDI mode on both board kinds: the timing the board runs afterwards
 // (raster, scan, rate) is the mode's own, and frames go out without a gap.
-#include "onair_stepping.h"
+#include "onair_driver.h"
 
 namespace {
 

@@ -7,14 +7,11 @@
 #include <dirent.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 
 namespace {
 
 using qvboardsim::NodeKind;
-using qvboardsim::Simulator;
 
 int open_fds()
 {
@@ -60,15 +57,6 @@ std::string first_error(GstBus* bus)
     return text;
 }
 
-void configure_board(const std::string& path, NodeKind kind)
-{
-    qvboardsim::BoardConfig board;
-    board.kind = kind;
-    board.video_path = path;
-    board.pacing = qvboardsim::Pacing::stepped;
-    Simulator::instance().configure({board});
-}
-
 enum class Node { missing, regular_file, dev_null, directory, taken };
 
 class UnusableNode : public ::testing::TestWithParam<Node> {};
@@ -76,7 +64,7 @@ class UnusableNode : public ::testing::TestWithParam<Node> {};
 TEST_P(UnusableNode, IsAnErrorOnTheBusAndTheStateChangeFails)
 {
     const std::string board = "/dev/qvsim-e2e-video-unusable";
-    configure_board(board, NodeKind::single_plane);
+    configure_board(board, NodeKind::single_plane, 0, qvboardsim::Pacing::stepped);
     char file[] = "/tmp/qvjt-regular-XXXXXX";
     const int h = mkstemp(file);
     ASSERT_NE(h, -1);
@@ -138,7 +126,7 @@ TEST(Lifecycle, NoBoardStillPlays)
 TEST(Lifecycle, StateCyclesLeaveNothingBehind)
 {
     const std::string path = "/dev/qvsim-e2e-video-cycles";
-    configure_board(path, NodeKind::multi_plane);
+    configure_board(path, NodeKind::multi_plane, 0, qvboardsim::Pacing::stepped);
     GstElement* e = new_element(path);
     uint8_t lines[64] = {};
     for (int i = 10; i < 18; ++i)
@@ -156,10 +144,7 @@ TEST(Lifecycle, StateCyclesLeaveNothingBehind)
         cycle();
     const int fds = open_fds();
     const long rss = rss_kb();
-    // QVJT_STATE_CYCLES=1000 for the long measurement.
-    const char* pCycles = std::getenv("QVJT_STATE_CYCLES");
-    const int n = pCycles ? std::atoi(pCycles) : 100;
-    for (int i = 0; i < n; ++i)
+    for (int i = 0; i < 100; ++i)
         cycle();
     EXPECT_EQ(open_fds(), fds);
 #ifndef __SANITIZE_ADDRESS__

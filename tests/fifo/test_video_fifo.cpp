@@ -104,22 +104,6 @@ TEST_F(VideoFifo, PictureNotYetDueRepeatsTheCurrentOne)
     EXPECT_EQ(number_of(out), 13);
 }
 
-TEST_F(VideoFifo, EmptyQueueRepeatsWithMessageAndFails)
-{
-    print_capture console;
-    QVImage out;
-    // Before any frame: the freshly initialised picture is repeated.
-    EXPECT_FALSE(fifo.map_image(0, out));
-    EXPECT_EQ(out.width(), fifo_test::kW);
-    ASSERT_TRUE(add(0, 42));
-    ASSERT_TRUE(fifo.map_image(0, out));
-    EXPECT_FALSE(fifo.map_image(1, out));
-    EXPECT_EQ(number_of(out), 42);
-    EXPECT_EQ(stats.m_video.nRepeatedFrame, 2u);
-    ASSERT_EQ(console.lines().size(), 2u);
-    EXPECT_EQ(console.lines()[1], "qv_jt_renderer: [fifo empty] repeat render image m_pItem->index = 0 to nIndex = 1\n");
-}
-
 TEST_F(VideoFifo, UnconvertiblePictureGoesOutBlack)
 {
     QVImage wide(fifo_test::kW, fifo_test::kH, QVSDK::FieldOrder_Upper_First, QVSDK::FORMAT_Y16);

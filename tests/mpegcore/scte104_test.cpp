@@ -64,7 +64,6 @@ TEST_P(Scte104Golden, ReadsAndWritesBackTheSameBytes)
     out[2] = msg[2];
     out[3] = msg[3];
     EXPECT_EQ(out, msg);
-
 }
 
 INSTANTIATE_TEST_SUITE_P(Klvanc, Scte104Golden, ::testing::ValuesIn(qvtest::scte104_vanc_packets()),

@@ -1,5 +1,5 @@
 // GStreamer's MPEG-TS library as an independent implementation of SCTE-35: sections it
-// builds must read field for field, and sections we write must parse in it.
+// builds must read field for field, and sections we write must read the same in it.
 #define GST_USE_UNSTABLE_API
 #include <gst/gst.h>
 #include <gst/mpegts/mpegts.h>
@@ -63,65 +63,18 @@ protected:
             e->avails_expected = 2;
             g_ptr_array_add(sit->splices, e);
         }
+        return gst_write(sit);
+    }
+
+    // Takes the table.
+    static std::vector<uint8_t> gst_write(GstMpegtsSCTESIT* sit)
+    {
         GstMpegtsSection* section = gst_mpegts_section_from_scte_sit(sit, 0x1FF);
         gsize n = 0;
         guint8* data = gst_mpegts_section_packetize(section, &n);
         std::vector<uint8_t> out(data, data + n);
         gst_mpegts_section_unref(section);
         return out;
-    }
-
-    // Parses with GStreamer and checks every field against the case.
-    static void gst_check(const std::vector<uint8_t>& bytes, const InsertEvent& c)
-    {
-        guint8* copy = static_cast<guint8*>(g_memdup2(bytes.data(), bytes.size()));
-        GstMpegtsSection* section = gst_mpegts_section_new(0x1FF, copy, bytes.size());
-        ASSERT_NE(section, nullptr);
-        const GstMpegtsSCTESIT* sit = gst_mpegts_section_get_scte_sit(section);
-        ASSERT_NE(sit, nullptr) << "GStreamer rejected our section";
-        EXPECT_EQ(sit->splice_command_type, c.commandType);
-        EXPECT_EQ(sit->pts_adjustment, c.ptsAdjustment);
-        EXPECT_EQ(sit->tier, 0xFFF);
-        if (c.commandType == 6) {
-            EXPECT_EQ(!!sit->splice_time_specified, c.timeSpecified);
-            if (c.timeSpecified) {
-                EXPECT_EQ(sit->splice_time, c.pts);
-            }
-        }
-        if (c.commandType == 5) {
-            ASSERT_EQ(sit->splices->len, 1u);
-            auto* e = static_cast<GstMpegtsSCTESpliceEvent*>(g_ptr_array_index(sit->splices, 0));
-            EXPECT_EQ(e->splice_event_id, 0x4800008fu);
-            EXPECT_EQ(!!e->splice_event_cancel_indicator, c.cancel);
-            if (!c.cancel) {
-                EXPECT_EQ(!!e->out_of_network_indicator, c.out);
-                EXPECT_EQ(!!e->program_splice_flag, c.program);
-                EXPECT_EQ(!!e->splice_immediate_flag, c.immediate);
-                if (c.program && !c.immediate) {
-                    EXPECT_EQ(!!e->program_splice_time_specified, c.timeSpecified);
-                    if (c.timeSpecified) {
-                        EXPECT_EQ(e->program_splice_time, c.pts);
-                    }
-                }
-                if (!c.program) {
-                    ASSERT_EQ(e->components->len, c.components.size());
-                    for (guint i = 0; i < e->components->len; ++i) {
-                        auto* k = static_cast<GstMpegtsSCTESpliceComponent*>(g_ptr_array_index(e->components, i));
-                        EXPECT_EQ(k->tag, c.components[i].first);
-                        EXPECT_EQ(k->splice_time, c.components[i].second);
-                    }
-                }
-                EXPECT_EQ(!!e->duration_flag, c.duration);
-                if (c.duration) {
-                    EXPECT_EQ(!!e->break_duration_auto_return, c.autoReturn);
-                    EXPECT_EQ(e->break_duration, c.breakTicks);
-                }
-                EXPECT_EQ(e->unique_program_id, 0x1234);
-                EXPECT_EQ(e->avail_num, 1);
-                EXPECT_EQ(e->avails_expected, 2);
-            }
-        }
-        gst_mpegts_section_unref(section);
     }
 
     static void our_check(const splice_info_section& s, const InsertEvent& c)
@@ -221,6 +174,8 @@ TEST_P(GstOracle, WeReadWhatGStreamerBuilds)
     EXPECT_EQ(out, bytes);
 }
 
+// What GStreamer reads from our section, written again by GStreamer, reads as the case:
+// a field GStreamer misreads shows up as a field that differs.
 TEST_P(GstOracle, GStreamerReadsWhatWeWrite)
 {
     const auto& c = GetParam();
@@ -228,8 +183,16 @@ TEST_P(GstOracle, GStreamerReadsWhatWeWrite)
     our_build(s, c);
     std::vector<uint8_t> out(1024);
     ASSERT_TRUE(s.write(out.data(), out.size()));
-    out.resize(size_t(s.section_length) + 3);
-    gst_check(out, c);
+    GstMpegtsSection* section = gst_mpegts_section_new(
+        0x1FF, static_cast<guint8*>(g_memdup2(out.data(), size_t(s.section_length) + 3)), size_t(s.section_length) + 3);
+    ASSERT_NE(section, nullptr);
+    const GstMpegtsSCTESIT* sit = gst_mpegts_section_get_scte_sit(section);
+    ASSERT_NE(sit, nullptr) << "GStreamer rejected our section";
+    auto again = gst_write(static_cast<GstMpegtsSCTESIT*>(g_boxed_copy(GST_TYPE_MPEGTS_SCTE_SIT, sit)));
+    gst_mpegts_section_unref(section);
+    splice_info_section back;
+    ASSERT_TRUE(back.read(again.data(), again.size()));
+    our_check(back, c);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -39,14 +39,6 @@ inline std::vector<uint8_t> from_base64(const std::string& s)
     return v;
 }
 
-inline std::vector<uint8_t> from_hex(const std::string& s)
-{
-    std::vector<uint8_t> v;
-    for (size_t i = 0; i + 1 < s.size(); i += 2)
-        v.push_back(static_cast<uint8_t>(std::stoul(s.substr(i, 2), nullptr, 16)));
-    return v;
-}
-
 // Space-separated hex words.
 inline std::vector<uint16_t> words_from_hex(const std::string& s)
 {

@@ -5,11 +5,46 @@
 #include <cstring>
 #include <vector>
 
-#include "qvimage_test_util.h"
-
 using namespace QVSDK;
 
 namespace {
+
+// Plane geometry of each format, written out independently of the library.
+struct PlaneRows {
+    int rows;
+    int bytes;
+};
+
+inline std::vector<PlaneRows> planeRows(QVSDK::QVEnumFormats f, int w, int h)
+{
+    using namespace QVSDK;
+    switch (f) {
+    case FORMAT_UYVY:
+    case FORMAT_YUY2:
+    case FORMAT_YVYU:
+        return {{h, 2 * w}};
+    case FORMAT_BGR:
+    case FORMAT_BGRp:
+        return {{h, 3 * w}};
+    case FORMAT_BGRA:
+    case FORMAT_BGRAp:
+        return {{h, 4 * w}};
+    case FORMAT_NV12:
+        return {{h, w}, {h / 2, w}};
+    case FORMAT_YV12:
+    case FORMAT_IYUV:
+        return {{h, w}, {h / 2, w / 2}, {h / 2, w / 2}};
+    case FORMAT_YUVA:
+        return {{h, w}, {h, w}, {h, w}, {h, w}};
+    default:
+        return {};
+    }
+}
+
+inline unsigned char* rowOf(const QVSDK::QVImage& img, int plane, int y)
+{
+    return img.data(plane) + std::ptrdiff_t(y) * img.stride(plane);
+}
 
 unsigned char pattern(int plane, int y, int x)
 {

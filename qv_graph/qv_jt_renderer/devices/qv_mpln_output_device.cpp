@@ -483,30 +483,16 @@ bool qv_mpln_output_device::getHWtime(uint32_t& hw_time, std::chrono::steady_clo
 bool qv_mpln_output_device::start_renderer()
 {
     const auto start = std::chrono::steady_clock::now();
-    if (m_hDevice > 0) {
-        int type = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
-        if (xioctl(m_hDevice, VIDIOC_STREAMON, &type) == -1) {
-            g_print("qvjtrenderer: Can't stream on, device = %s\n", m_strName.c_str());
-            return false;
-        }
-    }
-    const auto end = std::chrono::steady_clock::now();
-    // Start minus end, so the figure wraps; log watchers match this line as it is, so the order stays.
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(start - end).count();
-    g_print("qv_jt_renderer: v4l2 multi-plane start: %zu [ms]\n", static_cast<size_t>(ms));
+    if (m_hDevice > 0 && !qv_set_streaming(m_hDevice, V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE, true, "", m_strName))
+        return false;
+    qv_print_start_time("v4l2 multi-plane start", start);
     return true;
 }
 
 bool qv_mpln_output_device::stop_renderer()
 {
-    bool bOk = true;
-    if (m_hDevice != -1) {
-        int type = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
-        if (xioctl(m_hDevice, VIDIOC_STREAMOFF, &type) == -1) {
-            g_print("qvjtrenderer: Can't stream off, device = %s\n", m_strName.c_str());
-            bOk = false;
-        }
-    }
+    const bool bOk =
+        m_hDevice == -1 || qv_set_streaming(m_hDevice, V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE, false, "", m_strName);
     // Also after a failed stop: the node is about to be closed and the next
     // start primes again.
     m_nFieldBufIndex[0] = m_nFieldBufIndex[1] = -1;

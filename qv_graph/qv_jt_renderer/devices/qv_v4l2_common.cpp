@@ -42,6 +42,21 @@ int xioctl(int fd, unsigned long request, void* arg)
     return r;
 }
 
+bool qv_set_streaming(int fd, int type, bool bOn, const char* prefix, const std::string& name)
+{
+    if (xioctl(fd, bOn ? VIDIOC_STREAMON : VIDIOC_STREAMOFF, &type) != -1)
+        return true;
+    g_print("qvjtrenderer: %sCan't stream %s, device = %s\n", prefix, bOn ? "on" : "off", name.c_str());
+    return false;
+}
+
+void qv_print_start_time(const char* label, std::chrono::steady_clock::time_point start)
+{
+    const auto end = std::chrono::steady_clock::now();
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(start - end).count();
+    g_print("qv_jt_renderer: %s: %zu [ms]\n", label, static_cast<size_t>(ms));
+}
+
 QVSDK::QVEnumFormats qv_format_from_fourcc(uint32_t fourcc)
 {
     switch (fourcc) {

@@ -9,6 +9,7 @@
 #include "qvformats.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -60,6 +61,13 @@ const qv_v4l2_video_format& qv_board_format(qv_v4l2_enum_sdi_mode mode);
 // ioctl, repeated while it is interrupted by a signal. Returns the last
 // result; errno is that of the last attempt.
 int xioctl(int fd, unsigned long request, void* arg);
+
+// STREAMON or STREAMOFF of one buffer queue; a refusal is printed with the
+// node's name after `prefix`. True on success.
+bool qv_set_streaming(int fd, int type, bool bOn, const char* prefix, const std::string& name);
+// Prints how long starting the queues took, from `start`; the figure is
+// start minus end (it wraps), and log watchers match the line as it stands.
+void qv_print_start_time(const char* label, std::chrono::steady_clock::time_point start);
 
 // The board's pixel format codes as the image library knows them.
 QVSDK::QVEnumFormats qv_format_from_fourcc(uint32_t fourcc);

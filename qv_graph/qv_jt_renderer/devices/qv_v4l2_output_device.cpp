@@ -285,43 +285,20 @@ bool qv_v4l2_output_device::start_renderer()
     const auto start = std::chrono::steady_clock::now();
     if (m_hDevice > 0) {
         // Streaming starts with nothing queued; the first unmap_image queues the first frame.
-        if (m_hVbi > 0) {
-            int type = V4L2_BUF_TYPE_VBI_OUTPUT;
-            if (xioctl(m_hVbi, VIDIOC_STREAMON, &type) == -1) {
-                g_print("qvjtrenderer: [mmap] Can't stream on, device = %s\n", m_strVbiName.c_str());
-                return false;
-            }
-        }
-        int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-        if (xioctl(m_hDevice, VIDIOC_STREAMON, &type) == -1) {
-            g_print("qvjtrenderer: [mmap] Can't stream on, device = %s\n", m_strName.c_str());
+        if (m_hVbi > 0 && !qv_set_streaming(m_hVbi, V4L2_BUF_TYPE_VBI_OUTPUT, true, "[mmap] ", m_strVbiName))
             return false;
-        }
+        if (!qv_set_streaming(m_hDevice, V4L2_BUF_TYPE_VIDEO_OUTPUT, true, "[mmap] ", m_strName))
+            return false;
     }
-    const auto end = std::chrono::steady_clock::now();
-    // Start minus end, so the figure wraps; log watchers match this line as it is, so the order stays.
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(start - end).count();
-    g_print("qv_jt_renderer: v4l2 start: %zu [ms]\n", static_cast<size_t>(ms));
+    qv_print_start_time("v4l2 start", start);
     return true;
 }
 
 bool qv_v4l2_output_device::stop_renderer()
 {
-    bool bOk = true;
-    if (m_hDevice != -1) {
-        int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-        if (xioctl(m_hDevice, VIDIOC_STREAMOFF, &type) == -1) {
-            g_print("qvjtrenderer: [mmap] Can't stream off, device = %s\n", m_strName.c_str());
-            bOk = false;
-        }
-    }
-    if (bOk && m_hVbi > 0) {
-        int type = V4L2_BUF_TYPE_VBI_OUTPUT;
-        if (xioctl(m_hVbi, VIDIOC_STREAMOFF, &type) == -1) {
-            g_print("qvjtrenderer: [mmap] Can't stream off, device = %s\n", m_strVbiName.c_str());
-            bOk = false;
-        }
-    }
+    bool bOk = m_hDevice == -1 || qv_set_streaming(m_hDevice, V4L2_BUF_TYPE_VIDEO_OUTPUT, false, "[mmap] ", m_strName);
+    if (bOk && m_hVbi > 0)
+        bOk = qv_set_streaming(m_hVbi, V4L2_BUF_TYPE_VBI_OUTPUT, false, "[mmap] ", m_strVbiName);
     // Streaming off hands every buffer back, and a node that failed to stop is
     // about to be closed: either way the next start primes again.
     m_bKeepVideo = false;
