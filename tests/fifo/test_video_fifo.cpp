@@ -115,3 +115,23 @@ TEST_F(VideoFifo, UnconvertiblePictureGoesOutBlack)
     EXPECT_EQ(out.data(0)[0], 128); // U
     EXPECT_EQ(out.data(0)[1], 16);  // Y
 }
+
+// A slot is written outside the FIFO lock: a flush meanwhile must not lose the
+// picture being written, a reallocation must drop it rather than queue a slot
+// of the old size.
+TEST_F(VideoFifo, LentSlotSurvivesAResetAndIsDroppedByAReallocation)
+{
+    auto loan = fifo.lend_slot();
+    ASSERT_TRUE(loan.item);
+    fifo.fill_slot(numbered_uyvy(7), *loan.item);
+    fifo.reset();
+    ASSERT_TRUE(fifo.add_image(0, kFrame, 0, std::move(loan), 0));
+    ASSERT_EQ(fifo.queued(), 1u);
+    EXPECT_EQ(number_of(fifo.m_video_fifo.front()->image), 7);
+
+    auto stale = fifo.lend_slot();
+    fifo.alloc(8);
+    EXPECT_TRUE(fifo.add_image(kFrame, 2 * kFrame, kFrame, std::move(stale), 0));
+    EXPECT_EQ(fifo.queued(), 0u);
+    EXPECT_EQ(fifo.free_items(), 8u);
+}

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -135,6 +136,36 @@ TEST(FieldViewTest, WeavesTwoFieldsIntoAFrame)
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < 2 * w; ++x)
             ASSERT_EQ(rowOf(frame, 0, y)[x], y % 2 == 0 ? 'T' : 'B') << "line " << y;
+}
+
+// Pictures large enough to be streamed past the caches, with destinations at
+// every alignment and a width whose rows end off the copy's 128-byte steps:
+// every byte must land, none beside the picture.
+TEST(LargeCopyTest, FrameAndFieldCopiesAreExactAtAnyAlignment)
+{
+    const int w = 1283, h = 576, row = 2 * w;
+    QVImage src(w, h, FieldOrder_Upper_First, FORMAT_YUY2);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < row; ++x)
+            rowOf(src, 0, y)[x] = static_cast<unsigned char>(x * 7 + y * 13);
+    for (int shift : {0, 1, 17, 31}) {
+        std::vector<unsigned char> mem(size_t(row) * h + 64 + 2 * 4096, 0xEE);
+        QVImage frame(mem.data() + shift, w, h, row, FieldOrder_Upper_First, FORMAT_YUY2);
+        src.copyTo(frame);
+        unsigned char* f0 = mem.data() + shift;
+        QVImage up(f0, w, h / 2, row, Single_Field_Upper, FORMAT_YUY2);
+        QVImage lo(f0 + size_t(row) * (h / 2) + 4096, w, h / 2, row, Single_Field_Lower, FORMAT_YUY2);
+        for (int y = 0; y < h; ++y)
+            ASSERT_EQ(std::memcmp(rowOf(frame, 0, y), rowOf(src, 0, y), row), 0) << "frame line " << y;
+        EXPECT_EQ(mem[size_t(shift) + size_t(row) * h], 0xEE) << "written past the frame";
+        std::fill(mem.begin(), mem.end(), 0xEE);
+        src.copyFieldsTo(up, lo);
+        for (int y = 0; y < h; ++y) {
+            const unsigned char* got = rowOf(y % 2 == 0 ? up : lo, 0, y / 2);
+            ASSERT_EQ(std::memcmp(got, rowOf(src, 0, y), row), 0) << "shift " << shift << " line " << y;
+        }
+        EXPECT_EQ(mem[size_t(shift) + size_t(row) * (h / 2)], 0xEE) << "written between the fields";
+    }
 }
 
 } // namespace
