@@ -17,7 +17,7 @@ void with_board(const std::string& path, F f)
         return;
     board_advance(*b, now_ns());
     f(*b);
-    wake_all();
+    wake_board(*b);
 }
 
 } // namespace

@@ -149,7 +149,7 @@ void board_process_slot(Board& b, uint64_t k, int64_t slot_ns)
                       bi >= 0 ? &vbi->q.bufs[bi] : nullptr, k - video->q.first_slot + video->q.first_parity, slot_ns, hw);
         run_scheduled_faults(b, video->q.sent, slot_ns);
     }
-    wake_all();
+    wake_board(b);
 }
 
 void board_advance(Board& b, int64_t now)

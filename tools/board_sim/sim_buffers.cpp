@@ -230,7 +230,7 @@ int do_qbuf(Node& n, int handle, v4l2_buffer& vb, int& err, int64_t now)
     sb.state = SimBuffer::queued;
     sb.queued_at = board_time(b, now);
     q.queued.push_back(static_cast<int>(vb.index));
-    wake_all();
+    wake_board(b);
     return export_buffer(n, sb, vb, err);
 }
 
@@ -261,7 +261,6 @@ int do_dqbuf(Node& n, int handle, bool nonblock, v4l2_buffer& vb, int& err,
     }
     if (b.faults.dqbuf.trigger(err))
         return -1;
-    Registry& reg = Registry::get();
     const uint64_t gen = b.generation;
     for (;;) {
         if (b.generation != gen || !b.present) {
@@ -284,7 +283,7 @@ int do_dqbuf(Node& n, int handle, bool nonblock, v4l2_buffer& vb, int& err,
         int64_t until = board_next_event(b, now);
         if (until > now + 50000000)
             until = now + 50000000;
-        reg.cv.wait_for(lock, std::chrono::nanoseconds(until > now ? until - now : 0));
+        b.cv.wait_for(lock, std::chrono::nanoseconds(until > now ? until - now : 0));
     }
     int idx = q.done.front();
     q.done.pop_front();
@@ -317,7 +316,7 @@ void queue_streamoff(Node& n)
         any = any || node->q.streaming;
     if (!any)
         b.clock_running = false;
-    wake_all();
+    wake_board(b);
 }
 
 void queue_release(Node& n)
@@ -374,7 +373,7 @@ int handle_buffer_ioctl(Node& n, int handle, bool nonblock, unsigned long req, v
         q.streaming = true;
         q.first_slot_set = false;
         start_clock(b, now);
-        wake_all();
+        wake_board(b);
         return 0;
     }
     default:

@@ -99,6 +99,24 @@ bool needs_priority(unsigned long req)
     }
 }
 
+// The one board whose nodes all the simulated descriptors of a poll are on,
+// or null when they span several (lock held).
+Board* single_board(Registry& r, const struct pollfd* fds, unsigned long n)
+{
+    Board* one = nullptr;
+    for (unsigned long i = 0; i < n; ++i) {
+        if (fds[i].fd < 0 || !Registry::maybe_fake(fds[i].fd))
+            continue;
+        auto h = r.handle(fds[i].fd);
+        if (!h)
+            continue;
+        if (one != nullptr && h->node->board != one)
+            return nullptr;
+        one = h->node->board;
+    }
+    return one;
+}
+
 } // namespace
 
 } // namespace qvboardsim
@@ -349,10 +367,18 @@ int qvbs_poll(struct pollfd* fds, unsigned long n, long long timeout_ns)
             any_real = any_real || real_fds[i].fd >= 0;
         if (!any_real) {
             // Only simulated nodes: wait on the board's own signal, so that a
-            // step or a queued buffer wakes the caller at once.
+            // step or a queued buffer wakes the caller at once. Nodes of
+            // several boards wait on the registry's signal, which every
+            // board's change reaches.
             if (wait_ms > 0) {
                 std::unique_lock<std::mutex> lock(r.mu);
-                r.cv.wait_for(lock, std::chrono::milliseconds(wait_ms));
+                if (Board* b = single_board(r, fds, n)) {
+                    b->cv.wait_for(lock, std::chrono::milliseconds(wait_ms));
+                } else {
+                    ++r.wide_waiters;
+                    r.cv.wait_for(lock, std::chrono::milliseconds(wait_ms));
+                    --r.wide_waiters;
+                }
             }
             if (ready || left <= 0)
                 return ready;

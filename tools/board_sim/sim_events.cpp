@@ -68,7 +68,7 @@ void notify_control(Board& b, uint32_t id, int32_t value, const Handle* writer)
             continue;
         push(*h, make_event(*d, value, V4L2_EVENT_CTRL_CH_VALUE));
     }
-    wake_all();
+    wake_board(b);
 }
 
 int handle_event_ioctl(Handle& h, unsigned long req, void* arg, int& err)

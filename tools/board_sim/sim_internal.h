@@ -189,6 +189,9 @@ struct Board {
     CaptureWriter writer;
     bool writer_tried = false;
     std::deque<CapturedFrame> memory;
+    // Waiters on this board's nodes alone: a change on one board must not
+    // wake the clients of every other board (a real driver does not either).
+    std::condition_variable cv;
 
     bool interlaced() const { return is_interlaced(timing); }
     Node* node_of(Node::Kind k) const;
@@ -245,7 +248,8 @@ class Registry {
 public:
     static Registry& get();
     std::mutex mu;
-    std::condition_variable cv;
+    std::condition_variable cv; // waiters on more than one board, or on none
+    int wide_waiters = 0;       // how many wait on cv (lock held)
     std::vector<std::unique_ptr<Board>> boards;
     std::map<int, std::shared_ptr<Handle>> fds; // fake descriptor -> handle
     std::map<uintptr_t, Mapping> maps;         // client mapping address -> buffer plane
@@ -269,6 +273,8 @@ void apply_config_faults(Board& b); // faults named in the configuration text
 void run_scheduled_faults(Board& b, uint64_t frames_sent, int64_t slot_ns);
 void board_vanish(Board& b);             // nodes disappear (open descriptors: ENODEV)
 void board_maybe_return(Board& b, int64_t now);
-void wake_all(); // notify waiters after a state change (lock held)
+// Notify waiters after a state change (lock held): of one board, or of all.
+void wake_board(Board& b);
+void wake_all();
 
 } // namespace qvboardsim

@@ -40,7 +40,21 @@ std::shared_ptr<Handle> Registry::handle(int fd)
 
 // Highest priority held by any handle of the node.
 
-void wake_all() { Registry::get().cv.notify_all(); }
+void wake_board(Board& b)
+{
+    b.cv.notify_all();
+    Registry& r = Registry::get();
+    if (r.wide_waiters > 0)
+        r.cv.notify_all();
+}
+
+void wake_all()
+{
+    Registry& r = Registry::get();
+    for (auto& b : r.boards)
+        b->cv.notify_all();
+    r.cv.notify_all();
+}
 
 Registry& Registry::get()
 {
@@ -88,6 +102,7 @@ void Registry::configure(const std::vector<BoardConfig>& cfgs)
         b->present = false;
         ++b->generation;
         b->writer.close();
+        b->cv.notify_all();
         retired->push_back(std::move(b));
     }
     boards.clear();
