@@ -1,6 +1,11 @@
 // Channel capacity: N elements play at once into N simulated multi-plane boards
-// in realtime pacing, each fed a pre-made picture and two pre-made stereo lines
-// by a thread that only stamps and pushes them at the frame rate. For every
+// in realtime pacing, each fed pre-made pictures and two pre-made stereo lines
+// by a thread that only stamps and pushes them at the frame rate. The pictures
+// are a ring of distinct ones, larger than the FIFO, so that every picture the
+// element reads is cold in the caches as a decoder's output would be; they
+// come either as buffers of no pool (which the element may hold instead of
+// copying) or, with --bounded-pool, from a pool with a ceiling (which it must
+// give back at once, so it copies). For every
 // configuration the same sources first run into `fakesink sync=true` (the
 // upstream-only baseline), then into the element; the difference in process
 // CPU per frame is the element's share. Beside it: one frame's memcpy, timed
@@ -15,10 +20,11 @@
 // this early) / median, in milliseconds.
 //
 // Usage: channels_bench [--seconds S] [--channels 1,2,4,8] [--uhd] [--latency MS]
-//                       [--hw-buffers N] [--load N]
+//                       [--hw-buffers N] [--load N] [--bounded-pool]
 //   --channels   1080i50 runs with these channel counts (0: none)
 //   --uhd        also run one 2160p50 channel
 //   --load N     N busy processes beside the element (stands in for a compile)
+//   --bounded-pool  pictures from a pool with a ceiling (the element copies them)
 #include "gstqvjtrenderer.h"
 #include "qv_base_statistics.h"
 #include "qvboardsim.h"
@@ -52,6 +58,7 @@ struct options {
     unsigned latency = 500;
     unsigned hw_buffers = 3;
     int load = 0;
+    bool bounded_pool = false;
 };
 
 struct raster {
@@ -78,21 +85,78 @@ double thread_cpu_seconds()
     return cpu_seconds(RUSAGE_THREAD);
 }
 
-GstBuffer* premade_picture(const raster& r)
+void paint(GstBuffer* b)
 {
-    const gsize size = static_cast<gsize>(r.width) * r.height * 2;
-    GstBuffer* b = gst_buffer_new_allocate(nullptr, size, nullptr);
     GstMapInfo map;
     gst_buffer_map(b, &map, GST_MAP_WRITE);
-    for (gsize i = 0; i < size; i += 4) {
+    for (gsize i = 0; i + 3 < map.size; i += 4) {
         map.data[i] = 0x80;
         map.data[i + 1] = 0x70;
         map.data[i + 2] = 0x80;
         map.data[i + 3] = 0x70;
     }
     gst_buffer_unmap(b, &map);
-    return b;
 }
+
+// Distinct pre-made pictures, handed out in turn. More than the FIFO holds at
+// the default latency (and than the pool lends at once), so that a picture is
+// not read again while it could still be in a cache.
+class picture_source {
+public:
+    static constexpr guint kRing = 32;
+
+    picture_source(const raster& r, bool bounded)
+    {
+        const gsize size = static_cast<gsize>(r.width) * r.height * 2;
+        if (bounded) {
+            m_pool = gst_buffer_pool_new();
+            GstStructure* config = gst_buffer_pool_get_config(m_pool);
+            gst_buffer_pool_config_set_params(config, nullptr, static_cast<guint>(size), kRing, kRing);
+            gst_buffer_pool_set_config(m_pool, config);
+            gst_buffer_pool_set_active(m_pool, TRUE);
+            // Painted once: a pool hands its buffers back with their contents.
+            std::vector<GstBuffer*> all(kRing);
+            for (GstBuffer*& b : all) {
+                gst_buffer_pool_acquire_buffer(m_pool, &b, nullptr);
+                paint(b);
+            }
+            for (GstBuffer* b : all)
+                gst_buffer_unref(b);
+            return;
+        }
+        for (guint i = 0; i < kRing; ++i) {
+            m_ring.push_back(gst_buffer_new_allocate(nullptr, size, nullptr));
+            paint(m_ring.back());
+        }
+    }
+    ~picture_source()
+    {
+        for (GstBuffer* b : m_ring)
+            gst_buffer_unref(b);
+        if (m_pool) {
+            gst_buffer_pool_set_active(m_pool, FALSE);
+            gst_object_unref(m_pool);
+        }
+    }
+    picture_source(const picture_source&) = delete;
+    picture_source& operator=(const picture_source&) = delete;
+
+    // A writable buffer for one push; i numbers the pushes of one channel.
+    GstBuffer* get(uint64_t i)
+    {
+        if (m_pool) {
+            GstBuffer* b = nullptr;
+            // Blocks while every buffer is out: the element gives each back after its chain call.
+            return gst_buffer_pool_acquire_buffer(m_pool, &b, nullptr) == GST_FLOW_OK ? b : nullptr;
+        }
+        // A new buffer over the pre-made memory: no copy.
+        return gst_buffer_copy(m_ring[i % m_ring.size()]);
+    }
+
+private:
+    std::vector<GstBuffer*> m_ring;
+    GstBufferPool* m_pool = nullptr;
+};
 
 // One frame of 48 kHz stereo S16 with a quiet square wave, so the line is not silence.
 GstBuffer* premade_sound(const raster& r)
@@ -144,7 +208,7 @@ std::string pipeline_text(const raster& r, const std::string& path, const option
 
 // Pushes the pre-made buffers with exact frame stamps at the frame rate until
 // `stop`; the buffers share the pre-made memory, so a push costs no copy.
-void feed(channel& c, const raster& r, GstBuffer* picture, GstBuffer* sound, const std::atomic<bool>& stop)
+void feed(channel& c, const raster& r, picture_source& pictures, GstBuffer* sound, const std::atomic<bool>& stop)
 {
     const GstClockTime period = GST_SECOND / static_cast<GstClockTime>(r.fps);
     GstClock* clock = gst_pipeline_get_clock(GST_PIPELINE(c.pipeline));
@@ -153,8 +217,10 @@ void feed(channel& c, const raster& r, GstBuffer* picture, GstBuffer* sound, con
     const steady::time_point t0 = steady::now();
     for (uint64_t i = 0; !stop.load(); ++i) {
         std::this_thread::sleep_until(t0 + std::chrono::nanoseconds(i * period));
-        GstBuffer* bufs[3] = {gst_buffer_copy(picture), gst_buffer_copy(sound), gst_buffer_copy(sound)};
+        GstBuffer* bufs[3] = {pictures.get(i), gst_buffer_copy(sound), gst_buffer_copy(sound)};
         for (int k = 0; k < 3; ++k) {
+            if (!bufs[k])
+                continue;
             GST_BUFFER_PTS(bufs[k]) = first + i * period;
             GST_BUFFER_DTS(bufs[k]) = GST_CLOCK_TIME_NONE;
             GST_BUFFER_DURATION(bufs[k]) = period;
@@ -232,6 +298,7 @@ struct run_result {
     double cpu_per_frame_ms = 0.0; // process CPU / frames pushed over all channels
     copy_cost copy_during;         // one frame's copy, timed while the channels play
     std::vector<channel> channels;
+    std::vector<std::unique_ptr<picture_source>> pictures; // outlive the pipelines
 };
 
 // Runs n channels for `seconds`; CPU is taken after the first second, so that
@@ -253,7 +320,10 @@ run_result run(const raster& r, int n, const options& o, bool baseline, double s
     }
     res.channels.resize(static_cast<size_t>(n));
     const size_t frame_bytes = static_cast<size_t>(r.width) * static_cast<size_t>(r.height) * 2;
-    GstBuffer* picture = premade_picture(r);
+    // One source per channel: a bounded pool is a channel's own upstream.
+    std::vector<std::unique_ptr<picture_source>> pictures;
+    for (int i = 0; i < n; ++i)
+        pictures.push_back(std::make_unique<picture_source>(r, o.bounded_pool));
     GstBuffer* sound = premade_sound(r);
     for (int i = 0; i < n; ++i) {
         channel& c = res.channels[static_cast<size_t>(i)];
@@ -274,8 +344,9 @@ run_result run(const raster& r, int n, const options& o, bool baseline, double s
         }
     }
     std::atomic<bool> stop{false};
-    for (auto& c : res.channels)
-        c.feeder = std::thread(feed, std::ref(c), std::cref(r), picture, sound, std::cref(stop));
+    for (size_t i = 0; i < res.channels.size(); ++i)
+        res.channels[i].feeder =
+            std::thread(feed, std::ref(res.channels[i]), std::cref(r), std::ref(*pictures[i]), sound, std::cref(stop));
 
     std::this_thread::sleep_for(std::chrono::seconds(1));
     uint64_t pushed0 = 0;
@@ -308,8 +379,8 @@ run_result run(const raster& r, int n, const options& o, bool baseline, double s
     stop = true;
     for (auto& c : res.channels)
         c.feeder.join();
-    gst_buffer_unref(picture);
     gst_buffer_unref(sound);
+    res.pictures = std::move(pictures);
     return res;
 }
 
@@ -323,6 +394,7 @@ void teardown(run_result& res)
             gst_object_unref(c.sink);
         gst_object_unref(c.pipeline);
     }
+    res.pictures.clear();
 }
 
 double percentile_ms(std::vector<int64_t>& v, double q)
@@ -351,8 +423,10 @@ bool measure(const raster& r, int n, const options& o)
     // moment of the machine cannot flatter the ratio.
     const double bound_ms = 2.0 * std::min(el.copy_during.cold_us, copy.cold_us) / 1e3;
     const double field_ms = 1e3 / (r.interlaced ? 2.0 * r.fps : r.fps);
-    std::printf("\n%s x %d, %.0f s (baseline %.0f s), latency %u ms, hw-buffers %u%s\n", r.name, n, o.seconds,
-                baseline_s, o.latency, o.hw_buffers, o.load ? ", with load beside" : "");
+    std::printf("\n%s x %d, %.0f s (baseline %.0f s), latency %u ms, hw-buffers %u, pictures %s%s\n", r.name, n,
+                o.seconds, baseline_s, o.latency, o.hw_buffers,
+                o.bounded_pool ? "from a bounded pool (copied into the FIFO)" : "of no pool (held in the FIFO)",
+                o.load ? ", with load beside" : "");
     std::printf("  CPU per frame: process %.3f ms, upstream only %.3f ms, element %.3f ms\n", el.cpu_per_frame_ms,
                 base.cpu_per_frame_ms, element_ms);
     std::printf("  memcpy of one frame (%zu bytes) between uncached buffers: %.3f ms while the channels play "
@@ -431,10 +505,12 @@ options parse(int argc, char** argv)
             o.hw_buffers = static_cast<unsigned>(std::atoi(argv[++i]));
         } else if (a == "--load" && more) {
             o.load = std::atoi(argv[++i]);
+        } else if (a == "--bounded-pool") {
+            o.bounded_pool = true;
         } else {
             std::fprintf(stderr,
                          "usage: %s [--seconds S] [--channels 1,2,4,8] [--uhd] [--latency MS] [--hw-buffers N] "
-                         "[--load N]\n",
+                         "[--load N] [--bounded-pool]\n",
                          argv[0]);
             std::exit(2);
         }

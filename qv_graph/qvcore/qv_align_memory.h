@@ -2,9 +2,13 @@
 // a view of memory that someone else owns.
 #pragma once
 
+#include <sys/mman.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
+#include <type_traits>
 
 namespace QVSDK {
 
@@ -38,6 +42,13 @@ public:
         return *this;
     }
 
+    // Blocks from this size on are mapped from the system directly and given
+    // back to it when freed. Through the heap, the allocator's moving mmap
+    // threshold would soon keep freed picture-sized blocks in per-thread
+    // arenas, and a process that restarts its play-out would hold megabytes
+    // it no longer uses.
+    static constexpr size_t kMapBytes = 256 * 1024;
+
     // Keeps the current block when it is big enough and aligned the same way, so
     // that recycled pictures and sounds do not allocate; the block stays shared
     // with whoever else holds it. Otherwise a new block replaces it.
@@ -45,6 +56,19 @@ public:
     {
         if (m_p && size <= m_fullSize && align == m_align) {
             m_size = size;
+            return;
+        }
+        if (std::is_trivial<T>::value && size >= kMapBytes / sizeof(T) && align <= 4096) {
+            // Page aligned already.
+            const size_t bytes = size * sizeof(T);
+            void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (p == MAP_FAILED)
+                throw std::bad_alloc();
+            m_p = std::shared_ptr<T[]>(static_cast<T*>(p), [bytes](T* q) { munmap(q, bytes); });
+            m_pAlign = m_p.get();
+            m_fullSize = size;
+            m_size = size;
+            m_align = align;
             return;
         }
         const size_t extra = align != 0 ? align - 1 : 0;

@@ -72,6 +72,7 @@ QVImageMemory& QVImageMemory::operator=(QVImageMemory&& o) noexcept
             m_nStrides[i] = o.m_nStrides[i];
         }
         m_nSize = o.m_nSize;
+        m_pOwner = std::move(o.m_pOwner);
         o.clearPlanes();
     }
     return *this;
@@ -84,6 +85,7 @@ void QVImageMemory::clearPlanes()
         m_nStrides[i] = 0;
     }
     m_nSize = 0;
+    m_pOwner.reset();
 }
 
 void QVImageMemory::layPlanes(unsigned char* base, int h, const int* strides, QVEnumFormats f)

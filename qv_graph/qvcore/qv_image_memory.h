@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 
 #include "qv_align_memory.h"
 #include "qvformats.h"
@@ -19,6 +20,9 @@ public:
     unsigned char* m_pDatas[cMaxPlanes] = {};               // start of each plane, null when unused
     int m_nStrides[cMaxPlanes] = {};                        // bytes per line, 0 when unused
     size_t m_nSize = 0;                                     // bytes of all planes
+    // Whoever owns the outside memory of a view, kept alive with it and every
+    // copy; any new layout (alloc, attach, dealloc) lets go of it.
+    std::shared_ptr<const void> m_pOwner;
 
     QVImageMemory() = default;
     QVImageMemory(const QVImageMemory&) = default;

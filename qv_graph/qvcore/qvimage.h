@@ -53,6 +53,12 @@ public:
     // Drops the planes and the owned block: the image is empty again.
     void Release();
 
+    // For a view of outside memory: owner is kept alive as long as this image
+    // or any copy of it (field views included) is, so the view may outlive
+    // the caller. Initialising the image again lets go of it.
+    void setOwner(std::shared_ptr<const void> owner) { m_pMemory.m_pOwner = std::move(owner); }
+    bool hasOwner() const { return m_pMemory.m_pOwner != nullptr; }
+
     int width() const { return m_sizeImage.m_nWidth; }
     int height() const { return m_sizeImage.m_nHeight; }
     const QVSize& size() const { return m_sizeImage; }

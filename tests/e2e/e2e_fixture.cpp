@@ -4,18 +4,22 @@
 
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration)
 {
-    const gsize size = static_cast<gsize>(width) * height * 2;
-    GstBuffer* b = gst_buffer_new_allocate(nullptr, size, nullptr);
+    GstBuffer* b = gst_buffer_new_allocate(nullptr, static_cast<gsize>(width) * height * 2, nullptr);
+    paint_flat_uyvy(b, luma);
+    GST_BUFFER_PTS(b) = pts;
+    GST_BUFFER_DURATION(b) = duration;
+    return b;
+}
+
+void paint_flat_uyvy(GstBuffer* b, uint8_t luma)
+{
     GstMapInfo map;
     gst_buffer_map(b, &map, GST_MAP_WRITE);
-    for (gsize i = 0; i < size; i += 2) {
+    for (gsize i = 0; i + 1 < map.size; i += 2) {
         map.data[i] = 0x80;
         map.data[i + 1] = luma;
     }
     gst_buffer_unmap(b, &map);
-    GST_BUFFER_PTS(b) = pts;
-    GST_BUFFER_DURATION(b) = duration;
-    return b;
 }
 
 void configure_board(const std::string& path, qvboardsim::NodeKind kind, int mode, qvboardsim::Pacing pacing,

@@ -43,3 +43,5 @@ void configure_board(const std::string& path, qvboardsim::NodeKind kind, int mod
 
 // A UYVY frame whose luma is one value everywhere.
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration);
+// Writes such a picture into an existing buffer (one from a pool).
+void paint_flat_uyvy(GstBuffer* b, uint8_t luma);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <vector>
 
 using fifo_test::number_of;
@@ -134,4 +135,63 @@ TEST_F(VideoFifo, LentSlotSurvivesAResetAndIsDroppedByAReallocation)
     EXPECT_TRUE(fifo.add_image(kFrame, 2 * kFrame, kFrame, std::move(stale), 0));
     EXPECT_EQ(fifo.queued(), 0u);
     EXPECT_EQ(fifo.free_items(), 8u);
+}
+
+// A picture that comes with the owner of its memory and needs no conversion is
+// held, not copied, in the slots' field order; it is let go of (through
+// take_released, for the caller to do outside the lock) once its slot returns:
+// replaced on air, flushed by a reset, or dropped by a clear. Any other picture
+// is copied and not kept.
+TEST_F(VideoFifo, OwnedPictureIsHeldUntilItsSlotReturns)
+{
+    auto held = [](uint8_t n, int w, std::weak_ptr<const void>& owner) {
+        QVImage source = numbered_uyvy(n, w);
+        auto block = std::make_shared<QVImage>(source);
+        QVImage view(block->data(0), w, fifo_test::kH, block->stride(0), QVSDK::FieldOrder_Progressive,
+                     QVSDK::FORMAT_UYVY);
+        view.setOwner(block);
+        owner = block;
+        return view;
+    };
+    std::weak_ptr<const void> first, second, scaled;
+    QVImage out;
+    {
+        const QVImage in = held(1, fifo_test::kW, first);
+        ASSERT_TRUE(fifo.add_image(0, kFrame, 0, in, 0));
+        ASSERT_TRUE(fifo.map_image(0, out));
+        EXPECT_EQ(out.data(0), in.data(0)) << "copied";
+        EXPECT_EQ(out.order(), QVSDK::FieldOrder_Upper_First);
+        const QVImage wide = held(3, fifo_test::kW * 2, scaled);
+        ASSERT_TRUE(fifo.add_image(kFrame, 2 * kFrame, kFrame, wide, 0));
+    }
+    EXPECT_TRUE(scaled.expired()) << "a picture that was converted was kept";
+    out.Release();
+    EXPECT_FALSE(first.expired()) << "the picture on air was let go of";
+
+    ASSERT_TRUE(fifo.map_image(1, out));
+    EXPECT_NE(out.data(0), nullptr);
+    EXPECT_FALSE(first.expired()) << "let go of under the lock";
+    fifo.take_released();
+    EXPECT_TRUE(first.expired());
+
+    {
+        const QVImage in = held(2, fifo_test::kW, second);
+        ASSERT_TRUE(fifo.add_image(2 * kFrame, 3 * kFrame, 2 * kFrame, in, 0));
+    }
+    fifo.reset();
+    EXPECT_FALSE(second.expired());
+    fifo.take_released();
+    EXPECT_TRUE(second.expired()) << "a reset kept a held picture";
+    EXPECT_EQ(fifo.free_items(), 8u);
+
+    // A recycled slot copies again into its own memory.
+    ASSERT_TRUE(add(3 * kFrame, 9));
+    ASSERT_TRUE(fifo.map_image(3, out));
+    EXPECT_EQ(number_of(out), 9);
+    {
+        const QVImage in = held(4, fifo_test::kW, second);
+        ASSERT_TRUE(fifo.add_image(4 * kFrame, 5 * kFrame, 4 * kFrame, in, 0));
+    }
+    fifo.clear();
+    EXPECT_TRUE(second.expired()) << "a clear kept a held picture";
 }

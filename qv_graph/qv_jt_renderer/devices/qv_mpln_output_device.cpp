@@ -201,10 +201,8 @@ bool qv_mpln_output_device::mmap_buffers()
         const unsigned nplanes = std::min<unsigned>(entry.buff.length, qv_mpln_buffers::kPlanes);
         for (unsigned p = 0; p < nplanes; ++p) {
             v4l2_plane& plane = entry.planes[p];
-            // Populated now, so that the first frames do not pay a page fault per 4 KiB in the render thread.
-            void* m = plane.length != 0 ? mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE,
-                                               m_hDevice, plane.m.mem_offset)
-                                        : MAP_FAILED;
+            // Touched now, so that the first frames do not pay a fault per 4 KiB in the render thread.
+            void* m = plane.length != 0 ? qv_map_device_buffer(m_hDevice, plane.length, plane.m.mem_offset) : MAP_FAILED;
             if (m == MAP_FAILED) {
                 // A plane that cannot be mapped is left out; the rest still work.
                 g_print("qbjtrenderer: [mmap] Can't map field[%d] for bufer[%d<%d], device = %s\n", p, i, req.count,

@@ -52,8 +52,8 @@ bool mmap_buffers(int fd, uint32_t type, uint32_t count, std::vector<qv_v4l2_buf
         b.memory = V4L2_MEMORY_MMAP;
         if (xioctl(fd, VIDIOC_QUERYBUF, &b) == -1)
             return false;
-        // Populated now, so that the first frames do not pay a page fault per 4 KiB in the render thread.
-        void* p = mmap(nullptr, b.length, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, b.m.offset);
+        // Touched now, so that the first frames do not pay a fault per 4 KiB in the render thread.
+        void* p = qv_map_device_buffer(fd, b.length, b.m.offset);
         // A failed mapping is not fatal: the buffer still circulates, it just
         // carries nothing from us (the image lent over it is empty).
         buffers.emplace_back(p == MAP_FAILED ? nullptr : p, p == MAP_FAILED ? 0 : b.length, b);

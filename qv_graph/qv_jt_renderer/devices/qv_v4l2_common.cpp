@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 // The 59.94, 29.97 and 23.98 rates are the single-precision values of those
@@ -55,6 +56,19 @@ void qv_print_start_time(const char* label, std::chrono::steady_clock::time_poin
     const auto end = std::chrono::steady_clock::now();
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(start - end).count();
     g_print("qv_jt_renderer: %s: %zu [ms]\n", label, static_cast<size_t>(ms));
+}
+
+void* qv_map_device_buffer(int fd, size_t length, uint32_t offset)
+{
+    void* m = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, offset);
+    if (m == MAP_FAILED)
+        return m;
+    const long page = sysconf(_SC_PAGESIZE);
+    const size_t step = page > 0 ? static_cast<size_t>(page) : 4096;
+    auto* p = static_cast<volatile uint8_t*>(m);
+    for (size_t i = 0; i < length; i += step)
+        p[i] = p[i];
+    return m;
 }
 
 QVSDK::QVEnumFormats qv_format_from_fourcc(uint32_t fourcc)

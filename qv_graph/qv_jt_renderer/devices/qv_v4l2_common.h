@@ -69,6 +69,13 @@ bool qv_set_streaming(int fd, int type, bool bOn, const char* prefix, const std:
 // start minus end (it wraps), and log watchers match the line as it stands.
 void qv_print_start_time(const char* label, std::chrono::steady_clock::time_point start);
 
+// Maps one buffer (or plane) of fd read/write and writes every page of it
+// once, each byte back as it was: MAP_POPULATE alone still leaves a costly
+// first write per page on some hosts (a virtual machine backs guest memory
+// lazily), which at 2160p is tens of milliseconds in the render thread's first
+// passes. MAP_FAILED when the mapping is refused.
+void* qv_map_device_buffer(int fd, size_t length, uint32_t offset);
+
 // The board's pixel format codes as the image library knows them.
 QVSDK::QVEnumFormats qv_format_from_fourcc(uint32_t fourcc);
 QVSDK::QVFieldOrder qv_field_order_from_v4l2(uint32_t field);

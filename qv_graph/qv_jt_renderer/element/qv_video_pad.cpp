@@ -1,5 +1,7 @@
 // "sink_video": wraps each mapped buffer as an image without copying and
-// queues it through the renderer.
+// queues it through the renderer. A buffer that may stay with us as long as
+// the FIFO is deep goes with its image, so that the FIFO can hold it instead
+// of copying it.
 #include "qv_pad_common.h"
 #include "qv_pads.h"
 #include "qv_renderer.h"
@@ -9,6 +11,7 @@
 #include "qvsize.h"
 
 #include <cstring>
+#include <memory>
 
 namespace {
 
@@ -117,6 +120,51 @@ size_t bytes_needed(const video_caps& vc)
     }
 }
 
+// Keeping a buffer past the chain call keeps it from upstream for as long as
+// the FIFO is deep. That is safe only where it cannot starve upstream: a
+// buffer of no pool, or of a pool that grows on demand. A pool with a ceiling
+// (a hardware decoder's, typically) gets its buffers back at once and the
+// FIFO copies. Only plain system memory in one block is held: other memory
+// may be costly to keep mapped.
+bool can_hold(GstBuffer* buffer)
+{
+    if (gst_buffer_n_memory(buffer) != 1)
+        return false;
+    GstMemory* pMemory = gst_buffer_peek_memory(buffer, 0);
+    if (!pMemory || !gst_memory_is_type(pMemory, GST_ALLOCATOR_SYSMEM))
+        return false;
+    GstBufferPool* pPool = buffer->pool;
+    if (!pPool)
+        return true;
+    GstStructure* pConfig = gst_buffer_pool_get_config(pPool);
+    if (!pConfig)
+        return false;
+    guint nMax = 1;
+    const gboolean bRead = gst_buffer_pool_config_get_params(pConfig, nullptr, nullptr, nullptr, &nMax);
+    gst_structure_free(pConfig);
+    return bRead && nMax == 0;
+}
+
+// A reference to a buffer and a read mapping of it, both released together.
+struct held_buffer {
+    explicit held_buffer(GstBuffer* b) : pBuffer(gst_buffer_ref(b))
+    {
+        bMapped = gst_buffer_map(pBuffer, &info, GST_MAP_READ) != FALSE;
+    }
+    ~held_buffer()
+    {
+        if (bMapped)
+            gst_buffer_unmap(pBuffer, &info);
+        gst_buffer_unref(pBuffer);
+    }
+    held_buffer(const held_buffer&) = delete;
+    held_buffer& operator=(const held_buffer&) = delete;
+
+    GstBuffer* pBuffer;
+    GstMapInfo info{};
+    bool bMapped = false;
+};
+
 // The picture's running time in its segment; its PTS when there is no time
 // segment (or the PTS lies outside it).
 uint64_t running_time(GstPad* pad, GstClockTime pts)
@@ -176,7 +224,13 @@ GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
                 QVSDK::QVRational::reduce(&par.num, &par.den, vc.par_n, vc.par_d, QVSDK::QV_RATIONAL_MAX);
             const QVSDK::QVSize size(vc.width, vc.height, par);
             QVSDK::QVImage image;
-            build_image(image, map.data(), size, vc.format);
+            std::shared_ptr<held_buffer> pHeld = can_hold(buffer) ? std::make_shared<held_buffer>(buffer) : nullptr;
+            if (pHeld && pHeld->bMapped && pHeld->info.size >= need) {
+                build_image(image, pHeld->info.data, size, vc.format);
+                image.setOwner(std::move(pHeld));
+            } else {
+                build_image(image, map.data(), size, vc.format);
+            }
 
             const GstClockTime pts = GST_BUFFER_PTS(buffer);
             const GstClockTime duration = GST_BUFFER_DURATION(buffer);

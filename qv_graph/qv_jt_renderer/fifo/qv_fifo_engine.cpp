@@ -172,9 +172,13 @@ void qv_fifo_engine::add_target(const target_fn& target)
 int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, uint64_t ptsSystemTime,
                                     const QVImage& image, unsigned long hw_time, uint64_t runningTime)
 {
+    // Declared first so that held pictures given back by the render thread
+    // are let go of here, on the pad thread, after the lock.
+    std::vector<QVImage> released;
     qv_video_fifo::slot_loan loan;
     {
         std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+        released = m_video_fifo.take_released();
         if (ptsStart == QV_TIME_NONE) {
             g_print("qvjtrenderer: add_video_frame GST_CLOCK_TIME_NONE == ptsStart!\n");
             return 1;

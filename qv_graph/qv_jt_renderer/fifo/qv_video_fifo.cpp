@@ -42,9 +42,10 @@ int qv_video_fifo::alloc(size_t n)
     const size_t nTouched = nBytes == 0 ? n : std::min(n, (size_t(1) << 30) / nBytes);
     auto make_item = [this](bool bTouch) {
         auto item = std::make_shared<qv_fifo_item>();
-        item->image.InitImage(m_video_size, m_order, m_video_format);
+        item->own.InitImage(m_video_size, m_order, m_video_format);
         if (bTouch)
-            item->image.fillColor(0, 0, 0);
+            item->own.fillColor(0, 0, 0);
+        item->image = item->own;
         return item;
     };
     for (size_t i = 0; i < n; ++i)
@@ -61,6 +62,7 @@ void qv_video_fifo::clear()
     m_free_video_fifo.clear();
     m_lent_video_fifo.clear();
     m_pItem.reset();
+    m_released.clear();
     m_nLastFrameNumber = -1;
     m_nRealPTS = 0;
     m_nStartTime = m_nStopTime = 0;
@@ -70,6 +72,8 @@ void qv_video_fifo::clear()
 
 void qv_video_fifo::reset()
 {
+    for (const item_ptr& item : m_video_fifo)
+        recycle(*item);
     m_free_video_fifo.splice(m_free_video_fifo.end(), m_video_fifo);
     m_nLastFrameNumber = -1;
     m_nRealPTS = 0;
@@ -111,10 +115,34 @@ qv_video_fifo::slot_loan qv_video_fifo::lend_slot()
 
 void qv_video_fifo::fill_slot(const QVSDK::QVImage& image, qv_fifo_item& slot)
 {
+    const QVSDK::QVImage& own = slot.own;
+    if (image.hasOwner() && image.width() == own.width() && image.height() == own.height() &&
+        image.format() == own.format()) {
+        // A copy would only move the same bytes: the slot holds the picture
+        // itself, in the slots' field order, until it comes back.
+        slot.image = image;
+        slot.image.setFieldOrder(own.order());
+        return;
+    }
     // A picture the engine cannot convert goes out black rather than as the
     // stale content of a recycled slot.
     if (!m_image_transform.transform(image, slot.image))
         slot.image.fillColor(0, 0, 0);
+}
+
+void qv_video_fifo::recycle(qv_fifo_item& item)
+{
+    if (item.image.data() == item.own.data())
+        return;
+    m_released.push_back(std::move(item.image));
+    item.image = item.own;
+}
+
+std::vector<QVSDK::QVImage> qv_video_fifo::take_released()
+{
+    std::vector<QVSDK::QVImage> out;
+    out.swap(m_released);
+    return out;
 }
 
 bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, slot_loan loan,
@@ -188,6 +216,7 @@ bool qv_video_fifo::map_image(uint64_t nIndex, QVSDK::QVImage& image)
         // The front becomes current; its list node carries the old current
         // picture to the free list (no node is allocated or freed).
         if (m_pItem) {
+            recycle(*m_pItem);
             std::swap(m_pItem, m_video_fifo.front());
             m_free_video_fifo.splice(m_free_video_fifo.end(), m_video_fifo, m_video_fifo.begin());
         } else {

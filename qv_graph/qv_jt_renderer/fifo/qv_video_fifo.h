@@ -1,7 +1,9 @@
 // Queue of pictures between the video pad and the render thread. Slots are
 // allocated once in the output format; adding converts into a free slot,
-// mapping hands a slot over by output frame number. Used under the FIFO
-// engine's lock; it has none of its own.
+// mapping hands a slot over by output frame number. A picture that already is
+// in the slots' format and size and comes with an owner of its memory is held
+// in its slot instead of copied. Used under the FIFO engine's lock; it has
+// none of its own.
 #pragma once
 
 #include "qv_alarms_dispatcher.h"
@@ -23,7 +25,8 @@ class qv_video_fifo {
 public:
     struct qv_fifo_item {
         int64_t index = 0;
-        QVSDK::QVImage image;
+        QVSDK::QVImage image; // what goes out: the slot's own picture or a held one
+        QVSDK::QVImage own;   // the slot's own picture, allocated once
         uint64_t hw_time = 0;
         std::chrono::steady_clock::time_point tp{};
     };
@@ -48,7 +51,8 @@ public:
         item_ptr item; // empty when no slot was free
     };
     slot_loan lend_slot();
-    // Without the lock: converts image into the lent slot (black if it cannot).
+    // Without the lock: holds image in the lent slot when it can (see the top),
+    // otherwise converts it into the slot (black if it cannot).
     void fill_slot(const QVSDK::QVImage& image, qv_fifo_item& slot);
     // Queues a lent slot, numbering it; false when no slot was free.
     bool add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, slot_loan loan, unsigned long hw_time);
@@ -58,6 +62,10 @@ public:
     bool map_image(uint64_t nIndex, QVSDK::QVImage& image);
     void update_info_fifo();
     std::vector<qv_fifo_item_stat> getHWstat() const;
+
+    // Held pictures whose slots came back, for the caller to let go of after
+    // the lock: their owners may free memory or return it to a pool.
+    std::vector<QVSDK::QVImage> take_released();
 
     size_t queued() const { return m_video_fifo.size(); }
     size_t free_items() const { return m_free_video_fifo.size(); }
@@ -76,6 +84,7 @@ public:
     std::list<item_ptr> m_free_video_fifo; // most recently freed last
     std::list<item_ptr> m_lent_video_fifo; // being written by the pad thread
     item_ptr m_pItem;                      // picture last handed out
+    std::vector<QVSDK::QVImage> m_released; // see take_released
     uint64_t m_nStartTime = 0;
     uint64_t m_nStopTime = 0;
     std::atomic<int64_t> m_nStartIndex{0};
@@ -84,4 +93,8 @@ public:
     int64_t m_nLastFrameNumber = -1;
     qv_video_statistics& m_statistics;
     qv_alarms_dispatcher& m_dispatcher;
+
+private:
+    // A slot going back to the free list lets go of a held picture.
+    void recycle(qv_fifo_item& item);
 };
