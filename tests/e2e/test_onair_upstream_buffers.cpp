@@ -13,9 +13,12 @@ void count_finalized(gpointer data, GstMiniObject*)
     static_cast<std::atomic<int>*>(data)->fetch_add(1);
 }
 
-// Each output frame shows the input frame after the one before it.
-void expect_consecutive(const std::vector<int>& shown)
+// From the first input frame on, each output frame shows the input frame
+// after the one before it.
+void expect_in_order(const std::vector<int>& shown)
 {
+    ASSERT_GE(shown.size(), 20u);
+    EXPECT_EQ(shown.front(), 0);
     for (size_t i = 1; i < shown.size(); ++i)
         EXPECT_EQ(shown[i], shown[i - 1] + 1) << "output frame " << i;
 }
@@ -46,10 +49,7 @@ TEST_F(OnAirTest, PicturesOfABoundedPoolAreGivenBackAtOnce)
         ASSERT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
         pump();
     }
-    const std::vector<int> v = shown();
-    ASSERT_GE(v.size(), 20u);
-    EXPECT_EQ(v.front(), 0);
-    expect_consecutive(v);
+    expect_in_order(shown());
     gst_buffer_pool_set_active(pool, FALSE);
     gst_object_unref(pool);
 }
@@ -66,10 +66,7 @@ TEST_F(OnAirTest, PicturesOfNoPoolAreHeldUntilShownAndAllLetGo)
         ASSERT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
         pump();
     }
-    const std::vector<int> v = shown();
-    ASSERT_GE(v.size(), 20u);
-    EXPECT_EQ(v.front(), 0);
-    expect_consecutive(v);
+    expect_in_order(shown());
     // Pictures shown and replaced are let go; the one on air and those still
     // queued are not.
     const int nLetGo = nFinalized.load();
