@@ -1,5 +1,7 @@
 #include "e2e_fixture.h"
 
+#include <algorithm>
+
 #include "qv_base_statistics.h"
 
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration)
@@ -57,11 +59,19 @@ void PlayoutTest::step(unsigned slots)
 
 bool PlayoutTest::pump(unsigned slots, int wait_ms)
 {
+    // Before play-out starts nothing is queued until enough input came, so
+    // the wait is short and the caller feeds more. Once the board streams,
+    // the loop refills the ring after every slot, or stops streaming when it
+    // restarts: the wait ends on either, and its long bound only stops a test
+    // whose element hangs. A slow machine thus never makes a caller feed
+    // frames the board did not ask for.
+    constexpr int k_streaming_wait_ms = 10000;
     auto& sim = qvboardsim::Simulator::instance();
-    for (int i = 0; i < wait_ms && sim.queued(m_strPath) < slots; ++i)
+    for (int i = 0; sim.queued(m_strPath) < slots; ++i) {
+        if (i >= (sim.streaming(m_strPath) ? std::max(wait_ms, k_streaming_wait_ms) : wait_ms))
+            return false;
         g_usleep(1000);
-    if (sim.queued(m_strPath) < slots)
-        return false;
+    }
     step(slots);
     return true;
 }

@@ -64,20 +64,25 @@ TEST_P(FaultMatrix, PlayOutContinuesOrComesBackAndTheElementStops)
     case Fault::gone_500ms:
     case Fault::gone_2s: {
         sim.disconnect(m_strPath);
-        // The input stays live while the node is away. The loss itself is
-        // reported (a burst of lines); after that the console stays quiet.
+        // The loss is seen at the loop's next touch of the node.
+        for (int i = 0; i < 200 && !renderer()->output_down(); ++i) {
+            push_frame();
+            step(m_nSlots);
+            g_usleep(5000);
+        }
+        ASSERT_TRUE(renderer()->output_down()) << "the loss was not noticed";
+        EXPECT_TRUE(alarms.raised(QV_ALARM_RESTART));
+        // The input stays live while the node is away, across the element's
+        // own wall-clock retries: after the loss was reported the console stays quiet.
         const int ms = c.fault == Fault::gone_2s ? 2000 : 500;
-        std::unique_ptr<print_capture> lines;
+        print_capture lines;
         for (int i = 0; i < ms / 40; ++i) {
-            if (!lines && renderer()->output_down())
-                lines = std::make_unique<print_capture>();
             push_frame();
             step(m_nSlots);
             g_usleep(40000);
         }
         EXPECT_TRUE(renderer()->output_down());
-        EXPECT_TRUE(alarms.raised(QV_ALARM_RESTART));
-        nQuietLines = lines ? static_cast<int>(lines->newlines()) : -1;
+        nQuietLines = static_cast<int>(lines.newlines());
         sim.reconnect(m_strPath);
         // The loop watches the node every few milliseconds; give it a bounded moment.
         for (int i = 0; i < 200 && renderer()->output_down(); ++i)
@@ -87,6 +92,14 @@ TEST_P(FaultMatrix, PlayOutContinuesOrComesBackAndTheElementStops)
     }
     case Fault::watchdog:
         sim.expire_watchdog(m_strPath);
+        // The expiry is noticed in the board's time: while the board is held,
+        // however long, nothing looks at it; then within about half a second
+        // of frames (13 at 25 frames/s) it is re-armed, and only once.
+        g_usleep(700000);
+        EXPECT_FALSE(sim.watchdog(m_strPath).armed) << "re-armed while no frame went out";
+        for (int i = 0; i < 14 && !sim.watchdog(m_strPath).armed; ++i)
+            play_until_sent(1, 2);
+        EXPECT_TRUE(sim.watchdog(m_strPath).armed) << "expired watchdog not re-armed within 14 frames";
         break;
     }
 
@@ -99,14 +112,10 @@ TEST_P(FaultMatrix, PlayOutContinuesOrComesBackAndTheElementStops)
     EXPECT_LE(nAfter, 30 + k_latency_frames + 2);
 
     if (c.fault == Fault::watchdog) {
-        const auto t0 = std::chrono::steady_clock::now();
-        while (!sim.watchdog(m_strPath).armed && std::chrono::steady_clock::now() - t0 < std::chrono::seconds(3))
-            play_until_sent(1, 2);
-        EXPECT_TRUE(sim.watchdog(m_strPath).armed) << "expired watchdog not re-armed";
+        EXPECT_TRUE(sim.watchdog(m_strPath).armed);
         EXPECT_EQ(sim.watchdog(m_strPath).expiries, 1u);
     }
     if (c.fault == Fault::gone_500ms || c.fault == Fault::gone_2s) {
-        EXPECT_GE(nQuietLines, 0) << "the loss was not noticed";
         EXPECT_LE(nQuietLines, 2) << "the console floods while the device is away";
         // The restart alarm clears once play-out has run a while.
         play_until_sent(30, 60);

@@ -230,7 +230,10 @@ TEST_F(FifoEngine, ScteWithoutDtsCountsInRunningTime)
         return engine.add_video_frame(f * kFrame, (f + 1) * kFrame, QV_TIME_NONE, 0, numbered_uyvy(uint8_t(f)), 0,
                                       kRunning + f * kFrame);
     };
-    EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), QV_TIME_NONE, 1), 1); // no picture yet
+    // The event's running-time map puts the splice 2.5 s after frame 1. Its
+    // first copy comes before any picture: dropped, but not used up.
+    const uint64_t splice = kRunning + kFrame + 2500000000ull;
+    EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), splice, 7), 1);
     EXPECT_EQ(engine.m_scte104_fifo.queued(), 0u);
     ASSERT_EQ(add_undated(0), 1);
     ASSERT_EQ(add_undated(1), 1);
@@ -239,8 +242,7 @@ TEST_F(FifoEngine, ScteWithoutDtsCountsInRunningTime)
     EXPECT_EQ(engine.add_scte104_frame(msg, sizeof msg), 1);
     EXPECT_EQ(engine.m_scte104_fifo.queued(), 1u) << "queued without a DTS";
 
-    // The event's running-time map puts the splice 2.5 s after frame 1.
-    const uint64_t splice = kRunning + kFrame + 2500000000ull;
+    // The video pad's copy, after its pictures, is placed; any later copy is not.
     EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), splice, 7), 1);
     EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), splice, 7), 1); // same event, other pad
     ASSERT_EQ(engine.m_scte104_fifo.queued(), 2u);

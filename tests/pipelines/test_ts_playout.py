@@ -38,8 +38,14 @@ filesrc location={ts} ! tsdemux name=d send-scte35-events=true
 d. ! queue ! mpegvideoparse ! avdec_mpeg2video ! out.sink_video
 d. ! queue ! mpegaudioparse ! avdec_mp2float ! audioconvert ! audio/x-raw,format=S32LE ! out.src_audio0
 d. ! queue ! out.sink_teletext
-qvjtrenderer name=out v4l2=/dev/video0 mode={mode} number_of_audio_lines=1 latency=1000 {alsa}
+qvjtrenderer name=out v4l2=/dev/video0 mode={mode} number_of_audio_lines=1 latency=1000 buffer_capacity={capacity} {alsa}
 """
+
+# The file is read as fast as the disk allows, so the whole of it is queued
+# before much has gone out: the FIFO holds the whole file and two seconds more,
+# so that what reaches the board cannot depend on how fast this machine is.
+def capacity_ms(frames):
+    return frames * 40 + 2000
 
 
 def play(args):
@@ -48,7 +54,7 @@ def play(args):
     Gst.init(None)
     v = VARIANTS[args.variant]
     alsa = "alsa=plughw:1,0" if v["board"] == "single" else ""
-    pipe = Gst.parse_launch(PLAYER.format(ts=args.play, mode=v["mode"], alsa=alsa))
+    pipe = Gst.parse_launch(PLAYER.format(ts=args.play, mode=v["mode"], alsa=alsa, capacity=capacity_ms(v["frames"])))
     out = pipe.get_by_name("out")
     result = {"bad_map_kept": None}
     out.set_property("line-map", "teletext=7-;scte104=1")  # malformed: ignored

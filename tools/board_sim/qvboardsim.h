@@ -117,6 +117,8 @@ public:
     uint64_t underruns(const std::string& path);
     // Buffers of the video (or multi-plane) node waiting for their slot.
     size_t queued(const std::string& path);
+    // The video (or multi-plane) node is streaming: its slots consume buffers.
+    bool streaming(const std::string& path);
     // How long before its slot each buffer sent since the last call was
     // queued (ns, in sending order), and forgets them.
     std::vector<int64_t> take_margins(const std::string& path);

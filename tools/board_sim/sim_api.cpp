@@ -197,6 +197,16 @@ size_t Simulator::queued(const std::string& path)
     return n;
 }
 
+bool Simulator::streaming(const std::string& path)
+{
+    bool on = false;
+    with_board(path, [&](Board& b) {
+        Node* v = b.node_of(b.cfg.kind == NodeKind::multi_plane ? Node::mplane : Node::video);
+        on = v && v->q.streaming;
+    });
+    return on;
+}
+
 std::vector<int64_t> Simulator::take_margins(const std::string& path)
 {
     std::vector<int64_t> v;

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -35,8 +36,14 @@ constexpr auto k_reopen_interval = std::chrono::seconds(1);
 // pass waits this long for the exit signal instead of spinning.
 constexpr auto k_idle_wait = std::chrono::milliseconds(5);
 
-// How often the board watchdog is looked at while playing.
-constexpr auto k_watchdog_interval = std::chrono::milliseconds(500);
+// The board watchdog is looked at about every half second of output. It is
+// counted in frames handed to the board, because the watchdog itself runs on
+// the board's time: a board whose clock stands still cannot have expired, and
+// one ioctl per frame would double the render path's system calls.
+uint32_t watchdog_period_frames(double fFps)
+{
+    return std::max<uint32_t>(1, static_cast<uint32_t>(fFps / 2 + 0.5));
+}
 
 void clear_vbi_area(qv_vbi_data& vbi)
 {
@@ -91,7 +98,8 @@ struct qv_renderer::loop_state {
 
     // Output slots already counted for the alarms.
     steady::time_point tSlotsCounted = tStart;
-    steady::time_point tWatchdog = tStart;
+    // Frames handed to the board since the watchdog was last looked at.
+    uint32_t nSinceWatchdog = 0;
 
     // End of stream: the frames already queued go out before EOS is posted.
     bool bDraining = false;
@@ -405,11 +413,6 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
             if (!preroll_done(L))
                 continue;
         }
-        if (m_state == qv_run_state && now - L.tWatchdog > k_watchdog_interval) {
-            L.tWatchdog = now;
-            dev.check_watchdog();
-        }
-
         uint32_t nSeq = 0;
         if (!acquire_buffer(L, nSeq)) {
             L.bStarted = true;
@@ -465,6 +468,10 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
             continue;
         }
         start_device_when_primed(L);
+        if (m_state == qv_run_state && ++L.nSinceWatchdog >= watchdog_period_frames(m_fFps)) {
+            L.nSinceWatchdog = 0;
+            dev.check_watchdog();
+        }
     }
 
     std::lock_guard<std::recursive_mutex> lock(m_cs);
