@@ -43,7 +43,9 @@ TEST_F(Chains, EveryInputIsAcceptedAndDroppedBeforeADeviceIsOpen)
     EXPECT_EQ(renderer().add_subtitle_frame(0, bytes, sizeof bytes), 1);
 }
 
-TEST_F(Chains, VideoCapsWithoutAnItemFailEveryBufferWithItsMessage)
+// A caps item missing prints the line that has always named it, and the
+// stream goes on: the picture is taken with square pixels in the output's scan.
+TEST_F(Chains, VideoCapsWithoutAnItemPrintItsMessageAndTheStreamGoesOn)
 {
     struct row {
         const char* caps;
@@ -58,7 +60,7 @@ TEST_F(Chains, VideoCapsWithoutAnItemFailEveryBufferWithItsMessage)
     };
     for (const row& r : rows) {
         m_console.clear();
-        EXPECT_EQ(push_to("sink_video", r.caps, 256), GST_FLOW_ERROR) << r.caps;
+        EXPECT_EQ(push_to("sink_video", r.caps, 256), GST_FLOW_OK) << r.caps;
         EXPECT_TRUE(m_console.contains(r.message)) << r.caps;
     }
 }

@@ -44,28 +44,36 @@ GstFlowReturn gst_pad_audio_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
     const auto check = [&] {
         pCaps.reset(gst_pad_get_current_caps(pad));
         if (!pCaps)
-            return GST_FLOW_ERROR;
+            return qv_verdict::unusable("the pad has no caps");
         // Empty caps end the chain with the caps test's own (non-error) value.
         if (gst_caps_is_empty(pCaps.get()))
-            return static_cast<GstFlowReturn>(1);
+            return qv_verdict::flow(static_cast<GstFlowReturn>(1));
         const GstStructure* s = gst_caps_get_structure(pCaps.get(), 0);
         pFormat = gst_structure_get_string(s, "format");
         if (!pFormat)
-            return GST_FLOW_ERROR;
-        if (!gst_structure_get_int(s, "rate", &rate) || !gst_structure_get_int(s, "channels", &channels))
-            return GST_FLOW_ERROR;
-        return GST_FLOW_OK;
+            return qv_verdict::unusable("its caps give no sample format");
+        if (!gst_structure_get_int(s, "rate", &rate) || !gst_structure_get_int(s, "channels", &channels) ||
+            rate <= 0 || channels <= 0)
+            return qv_verdict::unusable("its caps give no sample rate or channel count");
+        return qv_verdict::ok();
     };
-    return qv_chain(parent, buffer, nullptr, check, [&](qv_renderer& renderer, const qv_buffer_map& map) {
+    return qv_chain(pad, parent, buffer, nullptr, check, [&](qv_renderer& renderer, const qv_buffer_map& map) {
         const QVSDK::QVSoundFormat format(0, static_cast<uint32_t>(rate), sample_bits(pFormat),
                                           static_cast<uint16_t>(channels));
         QVSDK::QVSound sound;
         sound.init(map.data(), map.size(), format);
 
-        const GstClockTime pts = GST_BUFFER_PTS(buffer);
+        // How long the buffer plays, from its samples: where an unstamped
+        // buffer after this one starts.
+        const auto frameBytes = static_cast<guint64>(channels) * (sample_bits(pFormat) / 8);
+        const GstClockTime length = gst_util_uint64_scale_int(map.size() / frameBytes, GST_SECOND, rate);
+        GstClockTime pts = GST_BUFFER_PTS(buffer);
+        GstClockTime span = GST_BUFFER_DURATION(buffer);
+        if (!qv_pad_guard::of(pad).stamp(pad, parent, pts, span, length))
+            return qv_verdict::unusable("it has no time stamp and no buffer before it had one");
         const GstClockTime duration = GST_BUFFER_DURATION(buffer);
         const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
         renderer.add_audio_frame(pad, pts, ptsEnd, GST_BUFFER_DTS(buffer), sound);
-        return GST_FLOW_OK;
+        return qv_verdict::ok();
     });
 }

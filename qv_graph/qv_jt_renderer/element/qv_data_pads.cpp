@@ -77,6 +77,7 @@ gboolean gst_pad_data_sink_event(GstPad* pad, GstObject* parent, GstEvent* event
     }
     if (qv_take_scte35_event(qv_renderer_of(parent), event))
         return TRUE;
+    qv_pad_guard::of(pad).on_event(event);
     if (qv_renderer* pRenderer = qv_renderer_of(parent))
         pRenderer->pad_event(pad, event);
     return gst_pad_event_default(pad, parent, event);
@@ -89,38 +90,38 @@ GstPadLinkReturn gst_pad_accept_link(GstPad*, GstObject*, GstPad*)
 
 void gst_pad_ignore_unlink(GstPad*, GstObject*) {}
 
-GstFlowReturn gst_pad_teletext_chain(GstPad*, GstObject* parent, GstBuffer* buffer)
+GstFlowReturn gst_pad_teletext_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
 {
-    return qv_chain(parent, buffer, nullptr, qv_no_check, [buffer](qv_renderer& r, const qv_buffer_map& m) {
+    return qv_chain(pad, parent, buffer, nullptr, qv_no_check, [buffer](qv_renderer& r, const qv_buffer_map& m) {
         r.add_teletext_frame(GST_BUFFER_PTS(buffer), qv_buffer_end(buffer), m.data(), m.size());
-        return GST_FLOW_OK;
+        return qv_verdict::ok();
     });
 }
 
-GstFlowReturn gst_pad_scte104_chain(GstPad*, GstObject* parent, GstBuffer* buffer)
+GstFlowReturn gst_pad_scte104_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
 {
-    return qv_chain(parent, buffer, nullptr, qv_no_check, [](qv_renderer& r, const qv_buffer_map& m) {
+    return qv_chain(pad, parent, buffer, nullptr, qv_no_check, [](qv_renderer& r, const qv_buffer_map& m) {
         r.add_scte104_frame(m.data(), m.size());
-        return GST_FLOW_OK;
+        return qv_verdict::ok();
     });
 }
 
-GstFlowReturn gst_pad_scte35_chain(GstPad*, GstObject* parent, GstBuffer* buffer)
+GstFlowReturn gst_pad_scte35_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
 {
-    return qv_chain(parent, buffer, nullptr, qv_no_check, [](qv_renderer& r, const qv_buffer_map& m) {
+    return qv_chain(pad, parent, buffer, nullptr, qv_no_check, [](qv_renderer& r, const qv_buffer_map& m) {
         r.add_scte35_frame(m.data(), m.size());
-        return GST_FLOW_OK;
+        return qv_verdict::ok();
     });
 }
 
-GstFlowReturn gst_pad_vbi_chain(GstPad*, GstObject* parent, GstBuffer* buffer)
+GstFlowReturn gst_pad_vbi_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
 {
-    return qv_chain(parent, buffer, "qv_jt_renderer: if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, "
+    return qv_chain(pad, parent, buffer, "qv_jt_renderer: if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, "
                                     "GST_MAP_READ))\n",
                     qv_no_check, [buffer](qv_renderer& r, const qv_buffer_map& m) {
                         GstVideoTimeCodeMeta* pMeta = gst_buffer_get_video_time_code_meta(buffer);
                         r.add_vbi_frame(GST_BUFFER_PTS(buffer), qv_buffer_end(buffer), m.data(), m.size(),
                                         pMeta ? &pMeta->tc : nullptr);
-                        return GST_FLOW_OK;
+                        return qv_verdict::ok();
                     });
 }

@@ -2,10 +2,13 @@
 #pragma once
 
 #include "gstqvjtrenderer.h"
+#include "qv_pad_guard.h"
 
 #include <gst/gst.h>
 
 #include <memory>
+#include <string>
+#include <utility>
 
 class qv_renderer;
 
@@ -46,14 +49,27 @@ private:
     bool m_bMapped = false;
 };
 
+// What a chain's check or body makes of one buffer: used (or ended with a
+// flow value of its own), or unusable for a reason.
+struct qv_verdict {
+    GstFlowReturn ret = GST_FLOW_OK;
+    std::string why; // not empty: the buffer cannot be used, for this reason
+
+    static qv_verdict ok() { return {}; }
+    static qv_verdict flow(GstFlowReturn r) { return {r, {}}; }
+    static qv_verdict unusable(std::string reason) { return {GST_FLOW_OK, std::move(reason)}; }
+};
+
 // The prologue every chain function shares. A null buffer is an error; the
 // buffer is released on every path; without a renderer (no parent) it is an
-// error. `check` may end the chain before the buffer is mapped (reading caps):
-// anything but GST_FLOW_OK is returned as it is. The buffer is then mapped for
-// reading (failure: pMapMessage when given, and an error) and handed to `body`,
-// whose result the chain returns.
+// error. `check` may end the chain before the buffer is mapped (reading caps).
+// The buffer is then mapped for reading (failure: pMapMessage when given) and
+// handed to `body`. An unusable buffer, whether the check, the mapping or the
+// body finds it so, is dropped with one bus warning per run of them and the
+// stream goes on (GST_FLOW_OK): one bad buffer must not end the programme.
 template <typename Check, typename Body>
-GstFlowReturn qv_chain(GstObject* parent, GstBuffer* buffer, const char* pMapMessage, Check&& check, Body&& body)
+GstFlowReturn qv_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer, const char* pMapMessage, Check&& check,
+                       Body&& body)
 {
     if (!buffer)
         return GST_FLOW_ERROR;
@@ -61,21 +77,28 @@ GstFlowReturn qv_chain(GstObject* parent, GstBuffer* buffer, const char* pMapMes
     qv_renderer* pRenderer = qv_renderer_of(parent);
     if (!pRenderer)
         return GST_FLOW_ERROR;
-    const GstFlowReturn checked = check();
-    if (checked != GST_FLOW_OK)
-        return checked;
+    qv_pad_guard& guard = qv_pad_guard::of(pad);
+    const qv_verdict checked = check();
+    if (!checked.why.empty())
+        return guard.drop(pad, parent, checked.why);
+    if (checked.ret != GST_FLOW_OK)
+        return checked.ret;
     const qv_buffer_map map(buffer);
     if (!map.ok()) {
         if (pMapMessage)
             g_print("%s", pMapMessage);
-        return GST_FLOW_ERROR;
+        return guard.drop(pad, parent, "it cannot be mapped for reading");
     }
-    return body(*pRenderer, map);
+    const qv_verdict done = body(*pRenderer, map);
+    if (!done.why.empty())
+        return guard.drop(pad, parent, done.why);
+    guard.used();
+    return done.ret;
 }
 
-inline GstFlowReturn qv_no_check()
+inline qv_verdict qv_no_check()
 {
-    return GST_FLOW_OK;
+    return qv_verdict::ok();
 }
 
 // Consumes a splice section event that a demuxer sends down every pad it

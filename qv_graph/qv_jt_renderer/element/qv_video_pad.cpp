@@ -12,6 +12,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 
 namespace {
 
@@ -36,10 +37,12 @@ QVSDK::QVEnumFormats format_from_caps(const char* p)
     return QVSDK::FORMAT_UYVY;
 }
 
-bool fail(const char* pMessage)
+// A caps item the picture cannot do without: the console line spells the
+// failing read as it always has, the bus gets the reason in words.
+qv_verdict missing(const char* pConsole, const char* pWhy)
 {
-    g_print("qv_jt_renderer: %s\n", pMessage);
-    return false;
+    g_print("qv_jt_renderer: %s\n", pConsole);
+    return qv_verdict::unusable(pWhy);
 }
 
 struct video_caps {
@@ -48,34 +51,55 @@ struct video_caps {
     int height = 0;
     int par_n = 1;
     int par_d = 1;
+    GstClockTime period = GST_CLOCK_TIME_NONE; // one frame at the caps' rate
 };
 
-bool read_caps(GstPad* pad, video_caps& vc)
+// Reads the picture's caps. Without "pixel-aspect-ratio" or "interlace-mode"
+// (many sources leave them out) the picture is still taken: square pixels,
+// and the scan of the output mode, which is all the board can send anyway.
+// Each is reported once per caps, on the console as before and on the bus.
+qv_verdict read_caps(GstPad* pad, GstObject* parent, video_caps& vc)
 {
     caps_ptr pCaps(::gst_pad_get_current_caps(pad), ::gst_caps_unref);
     if (!pCaps)
-        return fail("std::unique_ptr<GstCaps, void(*)(GstCaps*)> pCaps(::gst_pad_get_current_caps(pad), "
-                    "::gst_caps_unref);");
+        return missing("std::unique_ptr<GstCaps, void(*)(GstCaps*)> pCaps(::gst_pad_get_current_caps(pad), "
+                       "::gst_caps_unref);",
+                       "the pad has no caps");
     GstStructure* pStruct = gst_caps_get_size(pCaps.get()) ? gst_caps_get_structure(pCaps.get(), 0) : nullptr;
     if (!pStruct)
-        return fail("GstStructure *pStruct = gst_caps_get_structure(pCaps.get(), 0);");
+        return missing("GstStructure *pStruct = gst_caps_get_structure(pCaps.get(), 0);", "its caps are empty");
     const gchar* pStrFormat = gst_structure_get_string(pStruct, "format");
     if (!pStrFormat)
-        return fail("const gchar *pStrFormat = gst_structure_get_string(pStruct, 'format');");
+        return missing("const gchar *pStrFormat = gst_structure_get_string(pStruct, 'format');",
+                       "its caps give no pixel format");
     if (FALSE == gst_structure_get_int(pStruct, "width", &vc.width))
-        return fail("if (FALSE == gst_structure_get_int(pStruct, 'width', &width))");
+        return missing("if (FALSE == gst_structure_get_int(pStruct, 'width', &width))", "its caps give no width");
     if (FALSE == gst_structure_get_int(pStruct, "height", &vc.height))
-        return fail("if (FALSE == gst_structure_get_int(pStruct, 'height', &height))");
-    if (FALSE == gst_structure_get_fraction(pStruct, "pixel-aspect-ratio", &vc.par_n, &vc.par_d))
-        return fail("if (FALSE == gst_structure_get_fraction(pStruct, 'pixel-aspect-ratio', &aspect_ratio_n, "
-                    "&aspect_ratio_d))");
+        return missing("if (FALSE == gst_structure_get_int(pStruct, 'height', &height))", "its caps give no height");
+    qv_pad_guard& guard = qv_pad_guard::of(pad);
+    const bool bReport = guard.first_for_caps();
+    if (FALSE == gst_structure_get_fraction(pStruct, "pixel-aspect-ratio", &vc.par_n, &vc.par_d)) {
+        vc.par_n = vc.par_d = 1;
+        if (bReport) {
+            g_print("qv_jt_renderer: if (FALSE == gst_structure_get_fraction(pStruct, 'pixel-aspect-ratio', "
+                    "&aspect_ratio_n, &aspect_ratio_d))\n");
+            qv_pad_guard::warn(pad, parent, "caps without pixel-aspect-ratio: pixels taken as square (1/1)");
+        }
+    }
     int fr_n = 0, fr_d = 0;
     if (FALSE == gst_structure_get_fraction(pStruct, "framerate", &fr_n, &fr_d))
-        return fail("if (FALSE == gst_structure_get_fraction(pStruct, 'framerate', &frame_rate_n, &frame_rate_d))");
-    if (!gst_structure_get_string(pStruct, "interlace-mode"))
-        return fail("const gchar *pStrInterlace = gst_structure_get_string(pStruct, 'interlace-mode');");
+        return missing("if (FALSE == gst_structure_get_fraction(pStruct, 'framerate', &frame_rate_n, "
+                       "&frame_rate_d))",
+                       "its caps give no frame rate");
+    if (fr_n > 0 && fr_d > 0)
+        vc.period = gst_util_uint64_scale_int(GST_SECOND, fr_d, fr_n);
+    if (!gst_structure_get_string(pStruct, "interlace-mode") && bReport) {
+        g_print("qv_jt_renderer: const gchar *pStrInterlace = gst_structure_get_string(pStruct, "
+                "'interlace-mode');\n");
+        qv_pad_guard::warn(pad, parent, "caps without interlace-mode: pictures taken in the output mode's scan");
+    }
     vc.format = format_from_caps(pStrFormat);
-    return true;
+    return qv_verdict::ok();
 }
 
 // Lays the image over the mapped bytes with the plane layout of its format.
@@ -199,6 +223,7 @@ gboolean gst_pad_video_sink_event(GstPad* pad, GstObject* parent, GstEvent* even
     }
     if (qv_take_scte35_event(pRenderer, event))
         return TRUE;
+    qv_pad_guard::of(pad).on_event(event);
     pRenderer->pad_event(pad, event);
     return gst_pad_event_default(pad, parent, event);
 }
@@ -207,18 +232,25 @@ GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
 {
     video_caps vc;
     return qv_chain(
-        parent, buffer, "qv_jt_renderer: if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, GST_MAP_READ))\n",
-        [&] { return read_caps(pad, vc) ? GST_FLOW_OK : GST_FLOW_ERROR; },
+        pad, parent, buffer, "qv_jt_renderer: if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, GST_MAP_READ))\n",
+        [&] { return read_caps(pad, parent, vc); },
         [&](qv_renderer& renderer, const qv_buffer_map& map) {
             const size_t need = bytes_needed(vc);
             if (map.size() < need) {
-                // The conversion would read past the buffer: refuse it as
-                // unusable input. Pictures already queued still play out.
+                // The conversion would read past the buffer. Pictures already
+                // queued still play out, and the last one is repeated for it.
                 g_print("qv_jt_renderer: video buffer of %zu bytes is smaller than the %zu bytes of a %dx%d "
                         "picture in its caps: refused\n",
                         static_cast<size_t>(map.size()), need, vc.width, vc.height);
-                return GST_FLOW_ERROR;
+                return qv_verdict::unusable("it holds " + std::to_string(map.size()) + " bytes, less than the " +
+                                            std::to_string(need) + " of a " + std::to_string(vc.width) + "x" +
+                                            std::to_string(vc.height) + " picture in its caps");
             }
+            GstClockTime pts = GST_BUFFER_PTS(buffer);
+            GstClockTime span = GST_BUFFER_DURATION(buffer);
+            if (!qv_pad_guard::of(pad).stamp(pad, parent, pts, span, vc.period))
+                return qv_verdict::unusable("it has no time stamp and no picture before it had one");
+
             QVSDK::QVAspectRatio par(1, 1);
             if (vc.par_n != 0 && vc.par_d != 0)
                 QVSDK::QVRational::reduce(&par.num, &par.den, vc.par_n, vc.par_d, QVSDK::QV_RATIONAL_MAX);
@@ -232,13 +264,12 @@ GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
                 build_image(image, map.data(), size, vc.format);
             }
 
-            const GstClockTime pts = GST_BUFFER_PTS(buffer);
             const GstClockTime duration = GST_BUFFER_DURATION(buffer);
             const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
             const GstClockTime dts = GST_BUFFER_DTS(buffer);
             const uint64_t hwTime = GST_BUFFER_FLAG_IS_SET(buffer, QV_BUFFER_FLAG_HWTIME) ? dts : 0;
             renderer.add_video_frame(pts, ptsEnd, dts, image, hwTime, running_time(pad, pts));
-            return GST_FLOW_OK;
+            return qv_verdict::ok();
         });
 }
 
