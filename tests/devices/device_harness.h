@@ -26,7 +26,9 @@ struct sim_board {
     std::string vbi_path;
     qvboardsim::NodeKind kind;
 
-    sim_board(qvboardsim::NodeKind k, int initial_mode, bool with_vbi = true) : kind(k)
+    // capture_file: what went out is also written there (its header names the timing).
+    sim_board(qvboardsim::NodeKind k, int initial_mode, bool with_vbi = true, const std::string& capture_file = {})
+        : kind(k)
     {
         static std::atomic<int> counter{0};
         const int n = counter++;
@@ -43,6 +45,7 @@ struct sim_board {
         cfg.pacing = qvboardsim::Pacing::stepped;
         cfg.capture.memory = true;
         cfg.capture.memory_limit = 64;
+        cfg.capture.file = capture_file;
         qvboardsim::Simulator::instance().configure({cfg});
     }
     ~sim_board() { qvboardsim::Simulator::instance().configure({}); }

@@ -112,6 +112,29 @@ TEST_P(BusReports, TroubleOnTheWayOutBecomesAWarning)
         EXPECT_TRUE(warned(text)) << "no warning with \"" << text << "\"";
 }
 
+// A mode the board has no timing for still plays, in the board's own timing;
+// the operator hears of it at READY, on the bus, and in the statistics.
+TEST_F(OnAirTest, ModeWithoutATimingIsReportedAtReadyAndInTheStatistics)
+{
+    make(NodeKind::multi_plane, 1, 0, qvboardsim::Pacing::stepped);
+    GstBus* bus = gst_bus_new();
+    gst_element_set_bus(m_pElement, bus);
+    ASSERT_NE(gst_element_set_state(m_pElement, GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
+    GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_WARNING);
+    ASSERT_NE(msg, nullptr) << "no warning at READY";
+    GError* err = nullptr;
+    gst_message_parse_warning(msg, &err, nullptr);
+    EXPECT_NE(std::string(err->message).find("mode 1 (720x576i30) has no timing on " + m_strPath), std::string::npos)
+        << err->message;
+    g_error_free(err);
+    gst_message_unref(msg);
+    ASSERT_NE(gst_element_set_state(m_pElement, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    EXPECT_NE(stat("Video last error").find("has no timing"), std::string::npos) << stat("Video last error");
+    gst_element_set_state(m_pElement, GST_STATE_NULL);
+    gst_element_set_bus(m_pElement, nullptr);
+    gst_object_unref(bus);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Faults, BusReports,
     ::testing::Values(Case{"dropped_frames", Trouble::dropped_frames, {"Output device dropped"}},

@@ -1,5 +1,6 @@
 #include "qv_v4l2_common.h"
 
+#include "qv_dv_timings.h"
 #include "qv_renderer_statistics.h"
 
 #include <glib.h>
@@ -215,45 +216,58 @@ bool qv_v4l2_base_output_device::set_v4l2_video_format(unsigned buffer_type)
     if (m_hDevice == -1)
         return false;
     const qv_v4l2_video_format& row = get_board_format();
+    m_strTimingReport.clear();
 
+    // The timing at exactly the mode's table rate is taken at once. The board
+    // states its 1/1.001 rates through the pixel clock, so without one the
+    // timing of the same raster and scan nearest the mode's rate is taken.
+    std::vector<v4l2_dv_timings> offered;
+    bool bSet = false;
+    const auto set = [&](v4l2_dv_timings timings) {
+        bSet = true;
+        if (xioctl(m_hDevice, VIDIOC_S_DV_TIMINGS, &timings) == -1)
+            g_print("qbjtrenderer: Can't set dv timing %dx%d, %.2ffps, device = %s\n", timings.bt.width,
+                    timings.bt.height, static_cast<double>(qv_timing_fps(timings.bt)), m_strName.c_str());
+    };
     for (uint32_t index = 0;; ++index) {
         v4l2_enum_dv_timings en{};
         en.index = index;
         if (xioctl(m_hDevice, VIDIOC_ENUM_DV_TIMINGS, &en) == -1)
             break;
-        const v4l2_bt_timings& bt = en.timings.bt;
-        const uint32_t total_width = bt.width + bt.hfrontporch + bt.hsync + bt.hbackporch;
-        uint32_t total_height = bt.height + bt.vfrontporch + bt.vsync + bt.vbackporch;
-        if (bt.interlaced)
-            total_height += bt.il_vfrontporch + bt.il_vsync + bt.il_vbackporch;
-        // Single precision throughout: the exact equality below must agree with
-        // the table's float rates, so the arithmetic must be the same every time.
-        float fps = static_cast<float>(bt.pixelclock) / static_cast<float>(total_width * total_height);
-        if (bt.flags & V4L2_DV_FL_REDUCED_FPS)
-            fps = static_cast<float>(static_cast<double>(fps) / 1.001);
-
-        // The scan counts as much as the size: 1080p25 and 1080i25 share both
-        // size and frame rate.
-        const bool bProgressive = bt.interlaced == 0;
-        if (static_cast<int32_t>(bt.width) == row.width && static_cast<int32_t>(bt.height) == row.height &&
-            bProgressive == row.isProgressive && fps == row.fps) {
-            v4l2_dv_timings timings = en.timings;
-            if (xioctl(m_hDevice, VIDIOC_S_DV_TIMINGS, &timings) == -1)
-                g_print("qbjtrenderer: Can't set dv timing %dx%d, %.2ffps, device = %s\n", bt.width, bt.height,
-                        static_cast<double>(fps), m_strName.c_str());
+        if (qv_timing_is_exact(en.timings.bt, row)) {
+            set(en.timings);
             break;
         }
+        offered.push_back(en.timings);
         // Not used: a node that cannot even report its format ends the search.
         v4l2_format fmt{};
         fmt.type = buffer_type;
         if (xioctl(m_hDevice, VIDIOC_G_FMT, &fmt) == -1)
             break;
     }
+    if (!bSet) {
+        const int nearest = qv_nearest_timing(offered, row);
+        if (nearest >= 0)
+            set(offered[static_cast<size_t>(nearest)]);
+    }
 
     v4l2_dv_timings current{};
     if (xioctl(m_hDevice, VIDIOC_G_DV_TIMINGS, &current) == -1) {
         g_print("qbjtrenderer: Can't get dv timing, device = %s\n", m_strName.c_str());
         return false;
+    }
+    // The board may have been set up by other means: play-out goes on in the
+    // timing it keeps, and the operator is told.
+    const std::string strMode = "mode " + std::to_string(static_cast<int>(m_format)) + " (" + qv_mode_name(row) + ")";
+    if (!bSet) {
+        std::string strOffered;
+        for (const v4l2_dv_timings& t : offered)
+            strOffered += (strOffered.empty() ? "" : ", ") + qv_timing_name(t.bt);
+        m_strTimingReport = strMode + " has no timing on " + m_strName + "; it keeps " +
+                            qv_timing_name(current.bt) + " and offers " +
+                            (strOffered.empty() ? std::string("none") : strOffered);
+    } else if (!qv_timing_fits(current.bt, row)) {
+        m_strTimingReport = strMode + " was set on " + m_strName + ", but it reports " + qv_timing_name(current.bt);
     }
     v4l2_format fmt{};
     fmt.type = buffer_type;

@@ -128,6 +128,11 @@ public:
     // Failed buffer calls in a row after which the device gives up.
     static constexpr unsigned kMaxFailuresInRow = 8;
 
+    // Why the board does not run the configured mode's timing (none fits, or
+    // it reports another after setting); empty when it does. Set when the
+    // device is opened.
+    const std::string& timing_report() const { return m_strTimingReport; }
+
     // 0 when no device is open; otherwise the control as read (-1 if the read failed).
     int get_genlock_state() const;
     int get_genlock_source() const;
@@ -170,6 +175,7 @@ protected:
     std::mutex m_csTimeStamp; // goes with the time-stamp pair below
     std::atomic<uint64_t> m_nTimeStamp{0};
     std::atomic<uint32_t> m_nLastTimeStamp{0};
+    std::string m_strTimingReport;
     int32_t m_genlock_state = 0;
     int32_t m_genlock_source = 0;
     bool m_bUseWatchdog = false;

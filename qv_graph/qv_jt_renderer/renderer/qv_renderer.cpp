@@ -355,6 +355,7 @@ bool qv_renderer::open_checked(std::string& strError)
 
     if (!open_devices(strError))
         return false;
+    report_timing();
     bool bDevice = false;
     if (m_mpln_device.is_open()) {
         fps = m_mpln_device.get_board_format().fps;
@@ -408,9 +409,29 @@ bool qv_renderer::open_checked(std::string& strError)
     return true;
 }
 
+// A board that does not run the mode's timing still plays, in the timing it
+// keeps: the operator hears of it on the console, on the bus and in the
+// video statistics' last error for as long as the board stays open.
+void qv_renderer::report_timing()
+{
+    const qv_v4l2_base_output_device& dev = m_mpln_device.is_open()
+                                                ? static_cast<const qv_v4l2_base_output_device&>(m_mpln_device)
+                                                : m_video_device;
+    m_cfg.strTimingReport = dev.is_open() ? dev.timing_report() : std::string();
+    if (m_cfg.strTimingReport.empty())
+        return;
+    g_print("qvjtrenderer: %s\n", m_cfg.strTimingReport.c_str());
+    GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), RESOURCE, SETTINGS, ("%s", m_cfg.strTimingReport.c_str()),
+                        (nullptr));
+}
+
 bool qv_renderer::start()
 {
     m_statistics.reset();
+    if (!m_cfg.strTimingReport.empty()) {
+        std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+        m_statistics.m_video.strLastError = m_cfg.strTimingReport;
+    }
     m_reporter.watch_output_down(&m_bOutputDown);
     m_reporter.start();
     const bool bVideo = isConnect(m_video_pad.get());

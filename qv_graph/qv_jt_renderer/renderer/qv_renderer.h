@@ -137,6 +137,7 @@ private:
     bool open_devices(std::string& strError);
     void close_devices();
     bool open_checked(std::string& strError);
+    void report_timing();
     void apply_line_map(); // the "line-map" text, again for the mode in force
 
     // Guards open, close, the reopening in reset, the add calls and the end of the render thread.
@@ -195,6 +196,7 @@ private:
         bool bFullColorRange = true;
         bool bUseVBI = false;
         bool bMultiPlane = false; // the kind of node found at open
+        std::string strTimingReport; // why the board does not run the mode's timing; empty when it does
     };
     board_config m_cfg;
     bool m_bOpened = false;            // between NULL -> READY and READY -> NULL
