@@ -135,6 +135,43 @@ TEST_F(OnAirTest, ModeWithoutATimingIsReportedAtReadyAndInTheStatistics)
     gst_object_unref(bus);
 }
 
+// Set-ups that cannot work as given are made safe when the board opens, and
+// said then: a FIFO shorter than the pre-roll is deepened (it would otherwise
+// overflow before play-out starts and reset for ever), lines beyond the VANC
+// area are named before the first packet for them.
+TEST_F(OnAirTest, ImpossibleSetUpIsMadeSafeAndSaidAtReady)
+{
+    make_onair(NodeKind::multi_plane, 6);
+    guint8 lines[64] = {};
+    lines[39] = 2; // SCTE-104 on line 40: the board has 25 VANC lines at 720p
+    g_object_set(m_pElement, "buffer_capacity", gulong(100), "latency", gulong(500), "vbi_lines", lines, nullptr);
+    GstBus* bus = gst_bus_new();
+    gst_element_set_bus(m_pElement, bus);
+    ASSERT_NE(gst_element_set_state(m_pElement, GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
+    std::vector<std::string> warnings;
+    while (GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_WARNING)) {
+        GError* err = nullptr;
+        gst_message_parse_warning(msg, &err, nullptr);
+        warnings.emplace_back(err->message);
+        g_error_free(err);
+        gst_message_unref(msg);
+    }
+    ASSERT_EQ(warnings.size(), 2u);
+    EXPECT_EQ(warnings[0], "buffer_capacity 100 ms cannot hold the latency of 500 ms and 4 frames more: "
+                           "the FIFOs hold 580 ms");
+    EXPECT_EQ(warnings[1], "SCTE-104 line(s) 40 outside the 25 VBI/VANC lines of mode 6: nothing is written there");
+
+    m_video = harness("sink_video", video_caps().c_str());
+    play();
+    m_nLatencyMs = 500;
+    // 500 ms of pre-roll is 25 frames at 50 frames/s; then every input frame goes out.
+    EXPECT_LE(play_until_sent(30, 120), 30 + 25 + 2);
+    EXPECT_EQ(stat("Number of fifo restarts"), "0");
+    gst_element_set_state(m_pElement, GST_STATE_NULL);
+    gst_element_set_bus(m_pElement, nullptr);
+    gst_object_unref(bus);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Faults, BusReports,
     ::testing::Values(Case{"dropped_frames", Trouble::dropped_frames, {"Output device dropped"}},

@@ -36,6 +36,8 @@ public:
     const QVSDK::QVSoundFormat& get_sound_format() const { return m_audioFormat; }
     int get_sdi_audio_channels() const { return m_nSdiAudioChCnt; }
     QVSDK::QVFieldOrder get_field_order() const { return m_eFieldOrder; }
+    // VBI/VANC lines of field 0 or 1 (0 for field 1 when progressive).
+    size_t get_vbi_lines(int field) const { return m_VBI.m_nLines[field != 0 ? 1 : 0]; }
     int get_vbi_size(int field) const { return m_nVbiSize[field & 1]; }
     uint32_t get_buffer_count() const { return static_cast<uint32_t>(m_vBuffers.size()); }
     uint64_t get_last_frame_number() const { return m_nLastFrameNumber; }

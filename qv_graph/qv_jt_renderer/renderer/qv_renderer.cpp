@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 
 void qv_bus_alarm_install(qv_alarms_dispatcher& dispatcher, GstElement* pElement);
@@ -378,6 +379,7 @@ bool qv_renderer::open_checked(std::string& strError)
     m_nHWFrameStep = bDevice ? static_cast<int32_t>(148500000.0 / fps + 0.499) : 5940000;
 
     m_fifo.m_bUsePLL = m_bUsePLL;
+    const size_t nDepth = fifo_depth(fps);
     const QVSDK::QVSize size(width, height, aspect);
     // The stream set-up calls report success as non-zero.
     strError = "the play-out buffers cannot be set up";
@@ -387,7 +389,7 @@ bool qv_renderer::open_checked(std::string& strError)
         return false;
     if (!m_fifo.create_teletext_stream(fps) || !m_fifo.create_scte104_stream(fps) || !m_fifo.create_vbi_stream(fps))
         return false;
-    if (!m_fifo.alloc_fifo(static_cast<size_t>(m_nBufferCapacity * fps / 1000.0 + 0.5)))
+    if (!m_fifo.alloc_fifo(nDepth))
         return false;
     strError.clear();
 
@@ -403,10 +405,63 @@ bool qv_renderer::open_checked(std::string& strError)
             m_linesSCTE104.push_back(i + 1);
     }
 
+    report_lines_outside_area();
     const qv_v4l2_video_format& row = qv_board_format(static_cast<qv_v4l2_enum_sdi_mode>(m_cfg.nMode));
     m_teletext_encoder.init(m_nTeletextMask, row.isProgressive, row.isHD, row.width);
     m_scte104_encoder.init(!row.isHD, m_linesSCTE104.size(), static_cast<size_t>(row.width));
     return true;
+}
+
+void qv_renderer::warn_configuration(const std::string& strText)
+{
+    g_print("qvjtrenderer: %s\n", strText.c_str());
+    GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), RESOURCE, SETTINGS, ("%s", strText.c_str()), (nullptr));
+}
+
+// Frames every FIFO holds. The pre-roll fills the FIFO with `latency` of
+// pictures before the first goes out: a FIFO that cannot hold that and a few
+// frames more overflows before play-out starts, and would reset for ever. It
+// is made deep enough, and the operator told.
+size_t qv_renderer::fifo_depth(float fps)
+{
+    constexpr size_t k_preroll_headroom_frames = 4;
+    const auto nDepth = static_cast<size_t>(m_nBufferCapacity * fps / 1000.0 + 0.5);
+    const auto nNeeded = static_cast<size_t>(std::ceil(m_nLatency * fps / 1000.0)) + k_preroll_headroom_frames;
+    if (nDepth >= nNeeded)
+        return nDepth;
+    const auto nNeededMs = static_cast<unsigned long>(std::ceil(nNeeded * 1000.0 / fps));
+    warn_configuration("buffer_capacity " + std::to_string(m_nBufferCapacity) + " ms cannot hold the latency of " +
+                       std::to_string(m_nLatency) + " ms and " + std::to_string(k_preroll_headroom_frames) +
+                       " frames more: the FIFOs hold " + std::to_string(nNeededMs) + " ms");
+    return nNeeded;
+}
+
+// Lines of the table that the open board's VBI/VANC area does not have: said
+// once at open, rather than when the first packet for them cannot be written.
+void qv_renderer::report_lines_outside_area()
+{
+    size_t nLines = 0;
+    if (m_mpln_device.is_open())
+        nLines = m_mpln_device.get_vbi_lines(0);
+    else if (m_video_device.is_vbi_open())
+        nLines = m_video_device.get_vbi_format().count[0];
+    else
+        return;
+    std::string strTeletext, strScte104;
+    for (uint32_t nLine = 1; nLine <= 32; ++nLine)
+        if ((m_nTeletextMask >> (nLine - 1)) & 1u && nLine > nLines)
+            strTeletext += (strTeletext.empty() ? "" : ",") + std::to_string(nLine);
+    for (uint32_t nLine : m_linesSCTE104)
+        if (nLine >= nLines)
+            strScte104 += (strScte104.empty() ? "" : ",") + std::to_string(nLine);
+    const auto report = [&](const char* pService, const std::string& strLines) {
+        if (!strLines.empty())
+            warn_configuration(std::string(pService) + " line(s) " + strLines + " outside the " +
+                               std::to_string(nLines) + " VBI/VANC lines of mode " + std::to_string(m_cfg.nMode) +
+                               ": nothing is written there");
+    };
+    report("teletext", strTeletext);
+    report("SCTE-104", strScte104);
 }
 
 // A board that does not run the mode's timing still plays, in the timing it
@@ -420,9 +475,7 @@ void qv_renderer::report_timing()
     m_cfg.strTimingReport = dev.is_open() ? dev.timing_report() : std::string();
     if (m_cfg.strTimingReport.empty())
         return;
-    g_print("qvjtrenderer: %s\n", m_cfg.strTimingReport.c_str());
-    GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), RESOURCE, SETTINGS, ("%s", m_cfg.strTimingReport.c_str()),
-                        (nullptr));
+    warn_configuration(m_cfg.strTimingReport);
 }
 
 bool qv_renderer::start()

@@ -138,6 +138,9 @@ private:
     void close_devices();
     bool open_checked(std::string& strError);
     void report_timing();
+    void report_lines_outside_area();
+    size_t fifo_depth(float fps);
+    void warn_configuration(const std::string& strText); // console and bus
     void apply_line_map(); // the "line-map" text, again for the mode in force
 
     // Guards open, close, the reopening in reset, the add calls and the end of the render thread.
