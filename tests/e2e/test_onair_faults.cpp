@@ -252,6 +252,8 @@ TEST_F(OnAirTest, FlushAfterEndOfStreamPlaysTheNextStream)
     const std::vector<int> v = shown();
     EXPECT_EQ(v.back() >= 100, true) << "the second stream's pictures did not go out";
     EXPECT_EQ(gst_bus_pop_filtered(bus, GST_MESSAGE_EOS), nullptr) << "a second EOS without a second end";
+    // The device restarted its count at the end and at the flush; nothing was dropped.
+    EXPECT_EQ(stat("Device dropped frame"), "0");
     gst_element_set_state(m_pElement, GST_STATE_NULL);
     gst_element_set_bus(m_pElement, nullptr);
     gst_object_unref(bus);

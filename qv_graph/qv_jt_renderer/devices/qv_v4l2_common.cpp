@@ -323,8 +323,12 @@ void qv_v4l2_base_output_device::update_statisitcs(unsigned seq)
     const uint32_t prev = m_statistics.nSeqFromDevice;
     m_statistics.nSeqFromDevice = seq;
     // A step of one is normal; a gap of k counts k - 1, a step back its size.
-    m_statistics.m_nDeviceDroppedFrame +=
-        static_cast<uint64_t>(std::llabs(static_cast<int64_t>(seq) - static_cast<int64_t>(prev) - 1));
+    // The first frame after the device was stopped (a flush, an end of stream,
+    // a restart) starts a new count: nothing can have been dropped across it.
+    if (!m_bSeqRestarted)
+        m_statistics.m_nDeviceDroppedFrame +=
+            static_cast<uint64_t>(std::llabs(static_cast<int64_t>(seq) - static_cast<int64_t>(prev) - 1));
+    m_bSeqRestarted = false;
 }
 
 void qv_v4l2_base_output_device::init_watchdog()
@@ -421,4 +425,5 @@ void qv_v4l2_base_output_device::stop_device()
     stop_renderer();
     deinit_watchdog();
     m_seq_frame.exchange(0);
+    m_bSeqRestarted = true;
 }

@@ -183,5 +183,6 @@ protected:
     bool m_bStreaming = false;
     bool m_bNeedsRestart = false;
     bool m_bTimedOut = false;
+    bool m_bSeqRestarted = false; // the device was stopped since the last frame's statistics
     unsigned m_nFailuresInRow = 0;
 };
