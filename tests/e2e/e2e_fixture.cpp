@@ -4,6 +4,19 @@
 
 #include "qv_base_statistics.h"
 
+std::vector<std::string> pop_warnings(GstBus* bus)
+{
+    std::vector<std::string> texts;
+    while (GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_WARNING)) {
+        GError* err = nullptr;
+        gst_message_parse_warning(msg, &err, nullptr);
+        texts.emplace_back(err->message);
+        g_error_free(err);
+        gst_message_unref(msg);
+    }
+    return texts;
+}
+
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration)
 {
     GstBuffer* b = gst_buffer_new_allocate(nullptr, static_cast<gsize>(width) * height * 2, nullptr);

@@ -45,3 +45,6 @@ void configure_board(const std::string& path, qvboardsim::NodeKind kind, int mod
 GstBuffer* flat_uyvy(int width, int height, uint8_t luma, GstClockTime pts, GstClockTime duration);
 // Writes such a picture into an existing buffer (one from a pool).
 void paint_flat_uyvy(GstBuffer* b, uint8_t luma);
+
+// The texts of the warnings on the bus now, taken off it.
+std::vector<std::string> pop_warnings(GstBus* bus);

@@ -120,14 +120,9 @@ TEST_F(OnAirTest, ModeWithoutATimingIsReportedAtReadyAndInTheStatistics)
     GstBus* bus = gst_bus_new();
     gst_element_set_bus(m_pElement, bus);
     ASSERT_NE(gst_element_set_state(m_pElement, GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
-    GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_WARNING);
-    ASSERT_NE(msg, nullptr) << "no warning at READY";
-    GError* err = nullptr;
-    gst_message_parse_warning(msg, &err, nullptr);
-    EXPECT_NE(std::string(err->message).find("mode 1 (720x576i30) has no timing on " + m_strPath), std::string::npos)
-        << err->message;
-    g_error_free(err);
-    gst_message_unref(msg);
+    const std::vector<std::string> warnings = pop_warnings(bus);
+    ASSERT_EQ(warnings.size(), 1u) << "one warning at READY";
+    EXPECT_NE(warnings[0].find("mode 1 (720x576i30) has no timing on " + m_strPath), std::string::npos) << warnings[0];
     ASSERT_NE(gst_element_set_state(m_pElement, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
     EXPECT_NE(stat("Video last error").find("has no timing"), std::string::npos) << stat("Video last error");
     gst_element_set_state(m_pElement, GST_STATE_NULL);
@@ -139,23 +134,18 @@ TEST_F(OnAirTest, ModeWithoutATimingIsReportedAtReadyAndInTheStatistics)
 // said then: a FIFO shorter than the pre-roll is deepened (it would otherwise
 // overflow before play-out starts and reset for ever), lines beyond the VANC
 // area are named before the first packet for them.
-TEST_F(OnAirTest, ImpossibleSetUpIsMadeSafeAndSaidAtReady)
+class ImpossibleSetUp : public OnAirTest, public ::testing::WithParamInterface<NodeKind> {};
+
+TEST_P(ImpossibleSetUp, IsMadeSafeAndSaidAtReady)
 {
-    make_onair(NodeKind::multi_plane, 6);
+    make_onair(GetParam(), 6);
     guint8 lines[64] = {};
-    lines[39] = 2; // SCTE-104 on line 40: the board has 25 VANC lines at 720p
+    lines[39] = 2; // SCTE-104 on line 40: the board has 25 VBI/VANC lines at 720p
     g_object_set(m_pElement, "buffer_capacity", gulong(100), "latency", gulong(500), "vbi_lines", lines, nullptr);
     GstBus* bus = gst_bus_new();
     gst_element_set_bus(m_pElement, bus);
     ASSERT_NE(gst_element_set_state(m_pElement, GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
-    std::vector<std::string> warnings;
-    while (GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_WARNING)) {
-        GError* err = nullptr;
-        gst_message_parse_warning(msg, &err, nullptr);
-        warnings.emplace_back(err->message);
-        g_error_free(err);
-        gst_message_unref(msg);
-    }
+    const std::vector<std::string> warnings = pop_warnings(bus);
     ASSERT_EQ(warnings.size(), 2u);
     EXPECT_EQ(warnings[0], "buffer_capacity 100 ms cannot hold the latency of 500 ms and 4 frames more: "
                            "the FIFOs hold 580 ms");
@@ -171,6 +161,11 @@ TEST_F(OnAirTest, ImpossibleSetUpIsMadeSafeAndSaidAtReady)
     gst_element_set_bus(m_pElement, nullptr);
     gst_object_unref(bus);
 }
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ImpossibleSetUp, ::testing::Values(NodeKind::single_plane, NodeKind::multi_plane),
+                         [](const ::testing::TestParamInfo<NodeKind>& i) {
+                             return i.param == NodeKind::multi_plane ? "MultiPlane" : "SinglePlane";
+                         });
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, BusReports,

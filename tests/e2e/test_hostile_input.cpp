@@ -144,13 +144,8 @@ protected:
     // from the chain call, so every one is on the bus when the push returns.
     int pad_warnings(const std::string& text)
     {
-        while (GstMessage* msg = gst_bus_pop_filtered(m_pBus, GST_MESSAGE_WARNING)) {
-            GError* err = nullptr;
-            gst_message_parse_warning(msg, &err, nullptr);
-            m_warnings.emplace_back(err->message);
-            g_error_free(err);
-            gst_message_unref(msg);
-        }
+        for (std::string& w : pop_warnings(m_pBus))
+            m_warnings.push_back(std::move(w));
         return static_cast<int>(std::count_if(m_warnings.begin(), m_warnings.end(), [&](const std::string& w) {
             return w.find(text) != std::string::npos;
         }));
