@@ -126,6 +126,7 @@ private:
     void try_recover(loop_state& L);
     void account_idle_slots(loop_state& L);
     bool preroll_done(loop_state& L);
+    bool hwlock_due(loop_state& L, uint32_t nSeq) const; // just over a second of output since the last attempt
     bool acquire_buffer(loop_state& L, uint32_t& nSeq);
     int fetch_frame(loop_state& L, uint32_t nIndex);
     bool output_frame(loop_state& L);

@@ -25,8 +25,10 @@ namespace {
 
 using steady = std::chrono::steady_clock;
 
-// Just over a second between two hardware lock attempts.
-constexpr auto k_hwlock_interval = std::chrono::nanoseconds(1000999999);
+// Just over a second between two hardware lock attempts, of the board's own
+// time: both times the lock compares are the board's, so its frame count is
+// the clock to measure the interval with (on air the same as wall time).
+constexpr double k_hwlock_interval_ns = 1000999999.0;
 
 // A device that fails again this soon after it was reopened, or whose node is
 // there but cannot be opened, is retried no more often than this.
@@ -88,7 +90,8 @@ struct qv_renderer::loop_state {
     // Hardware time lock (multi-plane only).
     int32_t nHWCorrection = 0;
     bool bLocked = false;
-    steady::time_point tLastLock = tStart;
+    bool bLockSeq = false;  // nLockSeq is known
+    uint32_t nLockSeq = 0;  // device sequence of the last attempt (or of the first frame)
 
     // Device lost and retried.
     bool bDown = false;
@@ -208,6 +211,20 @@ void qv_renderer::try_recover(loop_state& L)
     L.strLastError.clear();
     m_bOutputDown = false;
     m_alarmDispatcher.set_output_down(false);
+}
+
+bool qv_renderer::hwlock_due(loop_state& L, uint32_t nSeq) const
+{
+    // A device restarted numbers its frames afresh: count from there.
+    if (!L.bLockSeq || nSeq < L.nLockSeq) {
+        L.bLockSeq = true;
+        L.nLockSeq = nSeq;
+        return false;
+    }
+    if (static_cast<double>(nSeq - L.nLockSeq) * 1e9 / m_fFps <= k_hwlock_interval_ns)
+        return false;
+    L.nLockSeq = nSeq;
+    return true;
 }
 
 bool qv_renderer::preroll_done(loop_state& L)
@@ -431,8 +448,7 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
         }
         uint32_t nIndex = L.nStartIndex + (nSeq - L.nSeqBase);
 
-        if (bComplex && m_bUseHWLock && now - L.tLastLock > k_hwlock_interval) {
-            L.tLastLock = now;
+        if (bComplex && m_bUseHWLock && hwlock_due(L, nSeq)) {
             L.bLocked = tryHWLock(nIndex, L.nHWCorrection);
         }
         if (bComplex && L.bLocked && L.nHWCorrection != 0) {
