@@ -231,11 +231,13 @@ TEST_F(FifoEngine, ScteWithoutDtsCountsInRunningTime)
                                       kRunning + f * kFrame);
     };
     // The event's running-time map puts the splice 2.5 s after frame 1. Its
-    // first copy comes before any picture: dropped, but not used up.
+    // first copies come before any picture, then with only the stream's first
+    // one: dropped, but not used up.
     const uint64_t splice = kRunning + kFrame + 2500000000ull;
     EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), splice, 7), 1);
-    EXPECT_EQ(engine.m_scte104_fifo.queued(), 0u);
     ASSERT_EQ(add_undated(0), 1);
+    EXPECT_EQ(engine.add_scte35_section(section.data(), section.size(), splice, 7), 1);
+    EXPECT_EQ(engine.m_scte104_fifo.queued(), 0u);
     ASSERT_EQ(add_undated(1), 1);
 
     uint8_t msg[] = {0xFF, 0xFF, 0x00, 0x05, 0x00};

@@ -38,14 +38,17 @@ filesrc location={ts} ! tsdemux name=d send-scte35-events=true
 d. ! queue ! mpegvideoparse ! avdec_mpeg2video ! out.sink_video
 d. ! queue ! mpegaudioparse ! avdec_mp2float ! audioconvert ! audio/x-raw,format=S32LE ! out.src_audio0
 d. ! queue ! out.sink_teletext
-qvjtrenderer name=out v4l2=/dev/video0 mode={mode} number_of_audio_lines=1 latency=1000 buffer_capacity={capacity} {alsa}
+qvjtrenderer name=out v4l2=/dev/video0 mode={mode} number_of_audio_lines=1 latency={latency} buffer_capacity={capacity} {alsa}
 """
 
-# The file is read as fast as the disk allows, so the whole of it is queued
-# before much has gone out: the FIFO holds the whole file and two seconds more,
-# so that what reaches the board cannot depend on how fast this machine is.
-def capacity_ms(frames):
-    return frames * 40 + 2000
+
+def latency_ms(frames):
+    """The file is read and decoded as fast as this machine can, while the
+    board plays in real time: a pre-roll longer than the file makes play-out
+    start at the end of the stream, with the whole file queued, so that
+    nothing can come late or overflow however fast or busy the machine is
+    (pacing a file is the element's own job, not yet done)."""
+    return frames * 40 + 1000
 
 
 def play(args):
@@ -54,7 +57,8 @@ def play(args):
     Gst.init(None)
     v = VARIANTS[args.variant]
     alsa = "alsa=plughw:1,0" if v["board"] == "single" else ""
-    pipe = Gst.parse_launch(PLAYER.format(ts=args.play, mode=v["mode"], alsa=alsa, capacity=capacity_ms(v["frames"])))
+    pipe = Gst.parse_launch(PLAYER.format(ts=args.play, mode=v["mode"], alsa=alsa, latency=latency_ms(v["frames"]),
+                                          capacity=latency_ms(v["frames"]) + 1000))
     out = pipe.get_by_name("out")
     result = {"bad_map_kept": None}
     out.set_property("line-map", "teletext=7-;scte104=1")  # malformed: ignored

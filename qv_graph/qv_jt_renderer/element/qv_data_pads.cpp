@@ -77,7 +77,10 @@ gboolean gst_pad_data_sink_event(GstPad* pad, GstObject* parent, GstEvent* event
     }
     if (qv_take_scte35_event(qv_renderer_of(parent), event))
         return TRUE;
-    qv_pad_guard::of(pad).on_event(event);
+    // Only under the stream lock, as the chain: a flush start comes from
+    // another thread and must not race the pad's first buffer for its guard.
+    if (GST_EVENT_IS_SERIALIZED(event))
+        qv_pad_guard::of(pad).on_event(event);
     if (qv_renderer* pRenderer = qv_renderer_of(parent))
         pRenderer->pad_event(pad, event);
     return gst_pad_event_default(pad, parent, event);

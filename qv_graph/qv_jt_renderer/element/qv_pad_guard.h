@@ -7,8 +7,8 @@
 //   stream (unstamped buffers mixed into a stream would otherwise warn at the
 //   frame rate);
 // - caps that leave out what has a safe default are reported once.
-// Everything here runs on the pad's streaming thread (chain and serialized
-// events), so the state needs no lock.
+// Everything here runs under the pad's stream lock (chain and serialized
+// events only), so the state needs no lock of its own.
 #pragma once
 
 #include <gst/gst.h>

@@ -72,7 +72,6 @@ int qv_fifo_engine::create_video_stream(float fps, QVSDK::QVEnumFormats format, 
     m_video_fifo.init(fps, format, size, order);
     m_nPictureRunningTime = QV_TIME_NONE;
     m_bPictureHasDts = false;
-    m_bPictureQueued = false;
     return 1;
 }
 
@@ -127,7 +126,6 @@ void qv_fifo_engine::dealloc_fifo()
     m_vbi_fifo.clear();
     m_out_frame_index = 0;
     m_nDepth = 0;
-    m_bPictureQueued = false;
     std::fill(std::begin(m_nLastTaken), std::end(m_nLastTaken), -1);
     m_pll.clear();
     m_bFirstCall = true;
@@ -145,7 +143,6 @@ void qv_fifo_engine::reset()
     m_vbi_fifo.reset();
     m_out_frame_index = 0;
     m_was_start = false;
-    m_bPictureQueued = false;
     std::fill(std::begin(m_nLastTaken), std::end(m_nLastTaken), -1);
     m_pll.clear();
     m_bFirstCall = true;
@@ -196,7 +193,6 @@ int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_
             return 1;
         m_bPictureHasDts = ptsReal != QV_TIME_NONE;
         m_nPictureRunningTime = runningTime;
-        m_bPictureQueued = true;
         loan = m_video_fifo.lend_slot();
     }
     // The copy or conversion runs without the lock: the render thread takes
@@ -311,11 +307,13 @@ int qv_fifo_engine::add_scte35_section(const uint8_t* pSection, size_t size, uin
     if (nEventId != 0 && nEventId == m_nLastScte35Event)
         return 1;
     // The same event reaches every pad downstream of the demuxer, in no fixed
-    // order. A copy that comes before any picture cannot be placed; it must
-    // not use the event up, or the video pad's copy, which always follows its
-    // pictures, would be refused and the splice lost. So must a copy that
-    // found no room.
-    if (!m_bPictureQueued)
+    // order. The message goes out with the newest picture, so a copy that
+    // comes before any picture cannot be placed, nor one that finds only the
+    // stream's first picture (its time, 0, reads as no time in the data FIFO).
+    // Such a copy, or one that found no room, must not use the event up, or
+    // the video pad's copy, which follows its pictures, would be refused and
+    // the splice lost.
+    if (m_video_fifo.m_nStartTime == 0)
         return 1;
     const int r = queue_scte35_as_scte104(pSection, size, nSpliceRunningTime);
     if (r != 0)

@@ -120,7 +120,6 @@ public:
     size_t m_nDepth = 0;                          // frames, as allocated
     uint64_t m_nPictureRunningTime = QV_TIME_NONE; // of the newest picture
     bool m_bPictureHasDts = false;                // the newest picture carried a DTS
-    bool m_bPictureQueued = false;                // a picture came since the last reset
     uint32_t m_nLastScte35Event = 0;
     // Per stream: a far stamp was reported and no stamp in the window came
     // since; the frame of the last stamp taken (-1: none since the reset).
