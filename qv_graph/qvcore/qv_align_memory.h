@@ -20,6 +20,7 @@ public:
     size_t m_size = 0;          // elements in use
     size_t m_fullSize = 0;      // elements available from m_pAlign
     size_t m_align = 0;         // alignment in bytes, 0 = none
+    bool m_bMapped = false;     // the block was mapped from the system (see kMapBytes)
 
     QVAlignMemory() = default;
     QVAlignMemory(size_t size, size_t align) { alloc(size, align); }
@@ -36,14 +37,17 @@ public:
             m_size = o.m_size;
             m_fullSize = o.m_fullSize;
             m_align = o.m_align;
+            m_bMapped = o.m_bMapped;
             o.m_pAlign = nullptr;
             o.m_size = o.m_fullSize = o.m_align = 0;
+            o.m_bMapped = false;
         }
         return *this;
     }
 
     // Blocks from this size on are mapped from the system directly and given
-    // back to it when freed. Through the heap, the allocator's moving mmap
+    // back to it when freed. A mapped block costs no memory until its pages
+    // are first written, so a large reservation is cheap until used. Through the heap, the allocator's moving mmap
     // threshold would soon keep freed picture-sized blocks in per-thread
     // arenas, and a process that restarts its play-out would hold megabytes
     // it no longer uses.
@@ -69,6 +73,7 @@ public:
             m_fullSize = size;
             m_size = size;
             m_align = align;
+            m_bMapped = true;
             return;
         }
         const size_t extra = align != 0 ? align - 1 : 0;
@@ -84,6 +89,17 @@ public:
         m_fullSize = size;
         m_size = size;
         m_align = align;
+        m_bMapped = false;
+    }
+
+    // Gives a mapped block's pages back to the system while keeping the block:
+    // it reads as zeros afterwards and costs memory again only where it is
+    // written. False (and nothing done) for heap and borrowed blocks.
+    bool releasePages()
+    {
+        if (!m_bMapped || !m_p)
+            return false;
+        return madvise(m_pAlign, m_fullSize * sizeof(T), MADV_DONTNEED) == 0;
     }
 
     // Lays this object over memory the caller owns and keeps alive.
@@ -94,6 +110,7 @@ public:
         m_size = size;
         m_fullSize = size;
         m_align = 0;
+        m_bMapped = false;
     }
 
     void dealloc()
@@ -101,6 +118,7 @@ public:
         m_p.reset();
         m_pAlign = nullptr;
         m_size = m_fullSize = m_align = 0;
+        m_bMapped = false;
     }
 
     T* data() const { return m_pAlign; }
@@ -108,6 +126,7 @@ public:
     size_t fullSize() const { return m_fullSize; }
     size_t align() const { return m_align; }
     bool isOwner() const { return static_cast<bool>(m_p); }
+    bool isMapped() const { return m_bMapped && m_p; }
     bool empty() const { return m_pAlign == nullptr; }
     // Holders of the block, this one included; 0 for borrowed memory.
     long useCount() const { return m_p.use_count(); }

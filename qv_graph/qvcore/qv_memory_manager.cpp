@@ -1,5 +1,6 @@
 #include "qv_memory_manager.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace QVSDK {
@@ -24,6 +25,7 @@ QVMemoryManager& QVMemoryManager::operator=(QVMemoryManager&& o) noexcept
         m_curStart = std::exchange(o.m_curStart, 0);
         m_curStop = std::exchange(o.m_curStop, 0);
         m_Size = std::exchange(o.m_Size, 0);
+        m_Window = std::exchange(o.m_Window, 0);
     }
     return *this;
 }
@@ -35,6 +37,7 @@ void QVMemoryManager::reset(size_t n)
         m_pData.alloc(n, kAlign);
     const size_t base = reinterpret_cast<size_t>(m_pData.data());
     m_Size = n;
+    m_Window = 0;
     m_Begin = base;
     m_End = base + n;
     m_curStart = m_curStop = base;
@@ -54,9 +57,16 @@ size_t QVMemoryManager::find_room(size_t n, bool& bWrap) const
         // Strictly less: a full ring must never look empty.
         return m_curStop + n < m_curStart ? m_curStop : 0;
     }
+    const bool bRoomAtBegin = m_Begin + n < m_curStart;
+    if (m_curStop + n <= m_Begin + m_Window)
+        return m_curStop;
+    if (bRoomAtBegin && (m_curStop - m_curStart) + n <= m_Window / 4) {
+        bWrap = true;
+        return m_Begin;
+    }
     if (m_curStop + n <= m_End)
         return m_curStop;
-    if (m_Begin + n >= m_curStart)
+    if (!bRoomAtBegin)
         return 0;
     bWrap = true;
     return m_Begin;
@@ -71,6 +81,7 @@ unsigned char* QVMemoryManager::lock(size_t n)
     // The tail between the old write side and the end stays unused until the ring wraps again.
     if (bWrap)
         m_curStop = m_Begin;
+    m_Window = std::max(m_Window, p + n - m_Begin);
     return reinterpret_cast<unsigned char*>(p);
 }
 

@@ -71,6 +71,9 @@ public:
     int stride(int plane = 0) const { return m_pMemory.stride(plane); }
     const QVImageMemory& memory() const { return m_pMemory; }
     bool isEmpty() const { return m_pMemory.empty(); }
+    // Gives the pages of the image's own mapped block back to the system; the
+    // picture then reads as zeros. False for views and heap blocks.
+    bool releaseMemory() { return m_pMemory.m_pMemory.releasePages(); }
 
     // Bytes of one picture of this format and size (see the .cpp for the
     // 4:2:0 formats, whose value callers rely on as it is).

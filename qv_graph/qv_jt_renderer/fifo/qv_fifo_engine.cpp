@@ -199,6 +199,7 @@ int qv_fifo_engine::add_video_frame(uint64_t ptsStart, uint64_t ptsStop, uint64_
     // its pictures meanwhile.
     if (loan.item)
         m_video_fifo.fill_slot(image, *loan.item);
+    qv_video_fifo::give_back(loan);
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (!m_video_fifo.add_image(ptsStart, ptsStop, ptsReal, std::move(loan), hw_time)) {
         set_state(fifo_overflow, "video fifo overflow");

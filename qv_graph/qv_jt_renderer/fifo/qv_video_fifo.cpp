@@ -26,33 +26,69 @@ void qv_video_fifo::init(float fps, QVSDK::QVEnumFormats format, const QVSDK::QV
     m_video_size = size;
     m_order = order;
     m_nRealPTS = ~uint64_t(0);
+    m_nIdleFrames = std::max<int64_t>(1, static_cast<int64_t>(fps * 10.0f + 0.5f));
+}
+
+qv_video_fifo::item_ptr qv_video_fifo::make_item() const
+{
+    auto item = std::make_shared<qv_fifo_item>();
+    item->own.InitImage(m_video_size, m_order, m_video_format);
+    item->image = item->own;
+    return item;
+}
+
+bool qv_video_fifo::same_layout(const qv_fifo_item& item) const
+{
+    const QVSDK::QVImage& own = item.own;
+    return own.width() == m_video_size.m_nWidth && own.height() == m_video_size.m_nHeight &&
+           own.format() == m_video_format && own.order() == m_order;
 }
 
 int qv_video_fifo::alloc(size_t n)
 {
+    // Slots of the same layout keep their memory, warm ones first in line
+    // for reuse; lent slots belong to the old stream and go. New slots are
+    // reserved, not written: they cost memory only once a picture is put
+    // into them.
+    for (const item_ptr& item : m_video_fifo)
+        recycle(*item);
+    std::list<item_ptr> warm;
+    std::list<item_ptr> spare;
+    warm.splice(warm.end(), m_free_video_fifo);
+    warm.splice(warm.end(), m_video_fifo);
+    spare.splice(spare.end(), m_spare_video_fifo);
+    item_ptr current = std::move(m_pItem);
+    if (current)
+        recycle(*current);
     clear();
-    // Slots are written black now, so that play-out does not pay a page fault
-    // per 4 KiB of a first-used slot while the FIFO lock is held against the
-    // render thread. Free slots are reused last-freed first, so the slots at
-    // the back of the list are the ones in use; within 1 GiB (ten seconds of
-    // 1080i50, over a second of 2160p50) those are written, deeper ones are
-    // left to be touched during pre-roll if ever.
-    const size_t nBytes = static_cast<size_t>(std::max(m_video_size.m_nWidth, 0)) *
-                          static_cast<size_t>(std::max(m_video_size.m_nHeight, 0)) * 2;
-    const size_t nTouched = nBytes == 0 ? n : std::min(n, (size_t(1) << 30) / nBytes);
-    auto make_item = [this](bool bTouch) {
-        auto item = std::make_shared<qv_fifo_item>();
-        item->own.InitImage(m_video_size, m_order, m_video_format);
-        if (bTouch)
-            item->own.fillColor(0, 0, 0);
-        item->image = item->own;
-        return item;
+    auto keep = [this](std::list<item_ptr>& from, std::list<item_ptr>& to) {
+        for (auto it = from.begin(); it != from.end();) {
+            const auto next = std::next(it);
+            if (same_layout(**it))
+                to.splice(to.end(), from, it);
+            it = next;
+        }
     };
-    for (size_t i = 0; i < n; ++i)
-        m_free_video_fifo.push_back(make_item(i >= n - nTouched));
-    // One more picture is current from the start, so that a repeat is possible
-    // before the first real frame arrives.
-    m_pItem = make_item(true);
+    keep(warm, m_free_video_fifo);
+    keep(spare, m_spare_video_fifo);
+    m_nOutputFrames = 0;
+    for (item_ptr& item : m_free_video_fifo)
+        item->freed_at = 0;
+    // Surplus goes coldest first.
+    while (m_free_video_fifo.size() + m_spare_video_fifo.size() > n) {
+        if (!m_spare_video_fifo.empty())
+            m_spare_video_fifo.pop_front();
+        else
+            m_free_video_fifo.pop_front();
+    }
+    while (m_free_video_fifo.size() + m_spare_video_fifo.size() < n)
+        m_spare_video_fifo.push_front(make_item());
+    // One more picture is current from the start, so that a repeat is
+    // possible before the first real frame arrives: the one picture written now.
+    m_pItem = current && same_layout(*current) ? std::move(current) : make_item();
+    m_pItem->index = 0;
+    m_pItem->own.fillColor(0, 0, 0);
+    m_pItem->committed = true;
     return 1;
 }
 
@@ -60,6 +96,7 @@ void qv_video_fifo::clear()
 {
     m_video_fifo.clear();
     m_free_video_fifo.clear();
+    m_spare_video_fifo.clear();
     m_lent_video_fifo.clear();
     m_pItem.reset();
     m_released.clear();
@@ -72,8 +109,10 @@ void qv_video_fifo::clear()
 
 void qv_video_fifo::reset()
 {
-    for (const item_ptr& item : m_video_fifo)
+    for (const item_ptr& item : m_video_fifo) {
         recycle(*item);
+        item->freed_at = m_nOutputFrames;
+    }
     m_free_video_fifo.splice(m_free_video_fifo.end(), m_video_fifo);
     m_nLastFrameNumber = -1;
     m_nRealPTS = 0;
@@ -104,13 +143,42 @@ uint64_t qv_video_fifo::number_to_pts(int64_t n) const
 
 qv_video_fifo::slot_loan qv_video_fifo::lend_slot()
 {
-    if (m_free_video_fifo.empty())
-        return {};
-    // The most recently freed slot, moved node and all, so that queueing allocates nothing.
-    const auto node = std::prev(m_free_video_fifo.end());
-    slot_loan loan{*node};
-    m_lent_video_fifo.splice(m_lent_video_fifo.end(), m_free_video_fifo, node);
+    slot_loan loan;
+    // The most recently freed slot, moved node and all, so that queueing
+    // allocates nothing; a spare one only when no warm slot is free.
+    std::list<item_ptr>& from = m_free_video_fifo.empty() ? m_spare_video_fifo : m_free_video_fifo;
+    if (from.empty())
+        return loan;
+    const auto node = std::prev(from.end());
+    loan.item = *node;
+    m_lent_video_fifo.splice(m_lent_video_fifo.end(), from, node);
+    // The coldest warm slot, when it has not been used for long, gives its
+    // memory back: one per picture, so that a drained FIFO shrinks without a
+    // burst of work.
+    if (m_free_video_fifo.empty() || m_nOutputFrames - m_free_video_fifo.front()->freed_at < m_nIdleFrames)
+        return loan;
+    if (!m_free_video_fifo.front()->committed) {
+        m_spare_video_fifo.splice(m_spare_video_fifo.end(), m_free_video_fifo, m_free_video_fifo.begin());
+        return loan;
+    }
+    loan.idle = m_free_video_fifo.front();
+    m_lent_video_fifo.splice(m_lent_video_fifo.end(), m_free_video_fifo, m_free_video_fifo.begin());
     return loan;
+}
+
+void qv_video_fifo::give_back(slot_loan& loan)
+{
+    if (loan.idle)
+        loan.idle->own.releaseMemory();
+}
+
+size_t qv_video_fifo::committed_items() const
+{
+    size_t n = m_pItem && m_pItem->committed ? 1 : 0;
+    for (const auto* list : {&m_video_fifo, &m_free_video_fifo, &m_spare_video_fifo, &m_lent_video_fifo})
+        for (const item_ptr& item : *list)
+            n += item->committed ? 1 : 0;
+    return n;
 }
 
 void qv_video_fifo::fill_slot(const QVSDK::QVImage& image, qv_fifo_item& slot)
@@ -128,6 +196,7 @@ void qv_video_fifo::fill_slot(const QVSDK::QVImage& image, qv_fifo_item& slot)
     // stale content of a recycled slot.
     if (!m_image_transform.transform(image, slot.image))
         slot.image.fillColor(0, 0, 0);
+    slot.committed = true;
 }
 
 void qv_video_fifo::recycle(qv_fifo_item& item)
@@ -148,6 +217,15 @@ std::vector<QVSDK::QVImage> qv_video_fifo::take_released()
 bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsReal, slot_loan loan,
                               unsigned long hw_time)
 {
+    if (loan.idle) {
+        // Its pages went back: it waits with the spare slots, unless the
+        // slots were reallocated meanwhile.
+        const auto idle = std::find(m_lent_video_fifo.begin(), m_lent_video_fifo.end(), loan.idle);
+        if (idle != m_lent_video_fifo.end()) {
+            loan.idle->committed = false;
+            m_spare_video_fifo.splice(m_spare_video_fifo.end(), m_lent_video_fifo, idle);
+        }
+    }
     const auto node = std::find(m_lent_video_fifo.begin(), m_lent_video_fifo.end(), loan.item);
     if (loan.item && node == m_lent_video_fifo.end())
         return true; // reallocated while it was written: the picture belongs to the old stream
@@ -185,11 +263,13 @@ bool qv_video_fifo::add_image(uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsR
     slot_loan loan = lend_slot();
     if (loan.item)
         fill_slot(image, *loan.item);
+    give_back(loan);
     return add_image(ptsStart, ptsStop, ptsReal, std::move(loan), hw_time);
 }
 
 bool qv_video_fifo::map_image(uint64_t nIndex, QVSDK::QVImage& image)
 {
+    m_nOutputFrames += 1;
     if (m_video_fifo.empty()) {
         // Cleared and not allocated again: there is no picture to repeat.
         if (!m_pItem)
@@ -217,6 +297,7 @@ bool qv_video_fifo::map_image(uint64_t nIndex, QVSDK::QVImage& image)
         // picture to the free list (no node is allocated or freed).
         if (m_pItem) {
             recycle(*m_pItem);
+            m_pItem->freed_at = m_nOutputFrames;
             std::swap(m_pItem, m_video_fifo.front());
             m_free_video_fifo.splice(m_free_video_fifo.end(), m_video_fifo, m_video_fifo.begin());
         } else {
