@@ -1,0 +1,401 @@
+// Captions, AFD/bar data and time code of the pictures' metadata as they leave
+// the board, read back with readers of their own: the simulator's ANC and cdp
+// readers, and GStreamer's ccconverter on buffers rebuilt from the captured
+// packets.
+#include "onair_driver.h"
+
+#include "anc_decode.h"
+#include "cdp_decode.h"
+#include "gst_test_env.h"
+
+#include <gst/video/video.h>
+
+#include <array>
+#include <cstdlib>
+#include <map>
+
+namespace {
+
+using qvboardsim::CapturedFrame;
+using qvboardsim::NodeKind;
+using triplet = std::array<uint8_t, 3>;
+
+uint8_t odd_parity(uint8_t c)
+{
+    return static_cast<uint8_t>(__builtin_parity(c & 0x7F) ? (c & 0x7F) : (c | 0x80));
+}
+
+// The 608 pair of field 1 (or 2) stamped with frame i: two letters that name i.
+std::pair<uint8_t, uint8_t> pair_of(int i, int field)
+{
+    const char base = field == 0 ? 'A' : 'a';
+    return {odd_parity(static_cast<uint8_t>(base + i / 26 % 26)), odd_parity(static_cast<uint8_t>(base + i % 26))};
+}
+
+int frame_of_pair(uint8_t a, uint8_t b, int field)
+{
+    const int base = field == 0 ? 'A' : 'a';
+    return ((a & 0x7F) - base) * 26 + ((b & 0x7F) - base);
+}
+
+// A DTVCC packet of frame i as four triplets: header (sequence, size), a
+// service 1 block of six bytes naming the frame.
+std::vector<triplet> dtvcc_of(int i)
+{
+    const uint8_t p[8] = {static_cast<uint8_t>((i % 4) << 6 | 4), 0x26, static_cast<uint8_t>(0x20 + i % 90), 'q',
+                          'v',                                   'j',  't',                                static_cast<uint8_t>(i)};
+    return {{0xFF, p[0], p[1]}, {0xFE, p[2], p[3]}, {0xFE, p[4], p[5]}, {0xFE, p[6], p[7]}};
+}
+
+// What frame i carries: 608 pairs (one a field a frame up to 30 frames/s,
+// the fields taking turns above) and one DTVCC packet.
+struct frame_captions {
+    std::vector<triplet> cea608; // as cc_data triplets, cc_type 0 or 1
+    std::vector<triplet> dtvcc;
+};
+
+frame_captions captions_of(int i, float fps, bool field1Only)
+{
+    frame_captions c;
+    for (int field = 0; field < 2; ++field) {
+        if (field == 1 && field1Only)
+            continue;
+        if (fps > 31 && i % 2 != field)
+            continue;
+        const auto [a, b] = pair_of(i, field);
+        c.cea608.push_back({static_cast<uint8_t>(0xFC | field), a, b});
+    }
+    c.dtvcc = dtvcc_of(i);
+    return c;
+}
+
+// A cdp as the syntax has it, made here rather than by the element's writer.
+std::vector<uint8_t> make_cdp(const std::vector<triplet>& cc, uint8_t rate, uint16_t seq)
+{
+    std::vector<uint8_t> b = {0x96, 0x69, 0, static_cast<uint8_t>(rate << 4 | 0xF), 0x43, uint8_t(seq >> 8),
+                              uint8_t(seq), 0x72, static_cast<uint8_t>(0xE0 | cc.size())};
+    for (const triplet& t : cc)
+        b.insert(b.end(), t.begin(), t.end());
+    b.insert(b.end(), {0x74, uint8_t(seq >> 8), uint8_t(seq), 0});
+    b[2] = static_cast<uint8_t>(b.size());
+    unsigned sum = 0;
+    for (uint8_t v : b)
+        sum += v;
+    b.back() = static_cast<uint8_t>(0x100 - sum % 256);
+    return b;
+}
+
+enum class form { cc_data, cdp, s334_and_cc_data, raw_and_cdp };
+
+void add_caption(GstBuffer* b, GstVideoCaptionType type, const std::vector<uint8_t>& data)
+{
+    gst_buffer_add_video_caption_meta(b, type, data.data(), data.size());
+}
+
+std::vector<uint8_t> flat(const std::vector<triplet>& t)
+{
+    std::vector<uint8_t> v;
+    for (const triplet& x : t)
+        v.insert(v.end(), x.begin(), x.end());
+    return v;
+}
+
+void attach_captions(GstBuffer* b, form f, const frame_captions& c, uint8_t rate, int i)
+{
+    std::vector<triplet> all = c.cea608;
+    all.insert(all.end(), c.dtvcc.begin(), c.dtvcc.end());
+    switch (f) {
+    case form::cc_data:
+        add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA708_RAW, flat(all));
+        break;
+    case form::cdp:
+        add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA708_CDP, make_cdp(all, rate, static_cast<uint16_t>(i)));
+        break;
+    case form::s334_and_cc_data: {
+        std::vector<uint8_t> s334;
+        for (const triplet& t : c.cea608)
+            s334.insert(s334.end(), {static_cast<uint8_t>((t[0] & 1) ? 0x00 : 0x80), t[1], t[2]});
+        add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA608_S334_1A, s334);
+        add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA708_RAW, flat(c.dtvcc));
+        break;
+    }
+    case form::raw_and_cdp: {
+        std::vector<uint8_t> raw;
+        for (const triplet& t : c.cea608)
+            raw.insert(raw.end(), {t[1], t[2]});
+        add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA608_RAW, raw);
+        add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA708_CDP, make_cdp(c.dtvcc, rate, static_cast<uint16_t>(i)));
+        break;
+    }
+    }
+}
+
+// AFD code and bars of frame i: codes of the standard in turn, letterbox and pillarbox.
+struct afd_case {
+    unsigned code;
+    bool letterbox;
+    unsigned bar1, bar2;
+};
+afd_case afd_of(int i)
+{
+    static const unsigned codes[] = {8, 9, 10, 11, 13, 14, 15, 2, 3, 4};
+    return {codes[i / 5 % 10], i % 2 == 0, 10u + static_cast<unsigned>(i), 500u + static_cast<unsigned>(i)};
+}
+
+struct rate_of_mode {
+    int num, den;
+};
+rate_of_mode rate_for(float fps)
+{
+    const long whole = std::lround(fps);
+    return std::fabs(fps - whole) > 0.01 ? rate_of_mode{static_cast<int>(whole * 1000), 1001}
+                                          : rate_of_mode{static_cast<int>(whole), 1};
+}
+
+uint8_t rate_code(float fps)
+{
+    const struct {
+        float fps;
+        uint8_t code;
+    } rows[] = {{23.976f, 1}, {24, 2}, {25, 3}, {29.97f, 4}, {30, 5}, {50, 6}, {59.94f, 7}, {60, 8}};
+    for (const auto& r : rows)
+        if (std::fabs(r.fps - fps) < 0.01f)
+            return r.code;
+    return 0;
+}
+
+struct caption_case {
+    const char* name;
+    NodeKind kind;
+    int mode;
+    form captions;
+    uint32_t ccRow, afdRow; // default lines, counted from 0
+};
+
+// The cc_data ccconverter makes of the cdps, one buffer a frame at the output rate.
+std::vector<triplet> cc_data_by_ccconverter(const std::vector<std::vector<uint8_t>>& cdps, int num, int den)
+{
+    GstHarness* h = gst_harness_new("ccconverter");
+    const std::string rate = ",framerate=" + std::to_string(num) + "/" + std::to_string(den);
+    gst_harness_set_src_caps_str(h, ("closedcaption/x-cea-708,format=cdp" + rate).c_str());
+    gst_harness_set_sink_caps_str(h, ("closedcaption/x-cea-708,format=cc_data" + rate).c_str());
+    std::vector<triplet> out;
+    auto pull_all = [&] {
+        while (GstBuffer* b = gst_harness_try_pull(h)) {
+            GstMapInfo m;
+            if (gst_buffer_map(b, &m, GST_MAP_READ)) {
+                for (size_t k = 0; k + 2 < m.size; k += 3)
+                    out.push_back({m.data[k], m.data[k + 1], m.data[k + 2]});
+                gst_buffer_unmap(b, &m);
+            }
+            gst_buffer_unref(b);
+        }
+    };
+    const GstClockTime period = gst_util_uint64_scale(GST_SECOND, static_cast<guint64>(den), static_cast<guint64>(num));
+    for (size_t i = 0; i < cdps.size(); ++i) {
+        GstBuffer* b = gst_buffer_new_memdup(cdps[i].data(), cdps[i].size());
+        GST_BUFFER_PTS(b) = i * period;
+        GST_BUFFER_DURATION(b) = period;
+        EXPECT_EQ(gst_harness_push(h, b), GST_FLOW_OK);
+        pull_all();
+    }
+    gst_harness_push_event(h, gst_event_new_eos());
+    pull_all();
+    gst_harness_teardown(h);
+    return out;
+}
+
+void PrintTo(const caption_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class OnAirCaptions : public OnAirTest, public ::testing::WithParamInterface<caption_case> {};
+
+// What one output frame carried, read with the simulator's readers.
+struct frame_seen {
+    int tag = -1;
+    std::vector<qvboardsim::CdpInfo> cdps;
+    std::vector<std::vector<uint8_t>> cdpBytes;
+    std::vector<uint32_t> cdpRows;
+    std::vector<qvboardsim::AfdInfo> afds;
+    std::vector<uint32_t> afdRows;
+};
+
+} // namespace
+
+// Captions in every form, AFD with bars and a time code on every picture:
+// the captions come back from the capture in order and within a frame of
+// their picture, the cdps are regular, AFD and time code are the picture's.
+TEST_P(OnAirCaptions, CaptionsAfdAndTimeCodeGoOutWithTheirPictures)
+{
+    const caption_case& c = GetParam();
+    make_onair(c.kind, c.mode);
+    m_video = harness("sink_video", video_caps().c_str());
+    play();
+    const float fps = m_row.fps;
+    const rate_of_mode rate = rate_for(fps);
+    const bool field1Only = c.captions == form::raw_and_cdp;
+    const int nFrames = 60;
+
+    std::vector<frame_seen> seen;
+    std::vector<CapturedFrame> timecoded;
+    std::map<int, GstVideoTimeCode*> tcs;
+    run(
+        nFrames,
+        [&](int i) {
+            GstBuffer* b = tagged_frame(i);
+            attach_captions(b, c.captions, captions_of(i, fps, field1Only), rate_code(fps), i);
+            const afd_case a = afd_of(i);
+            gst_buffer_add_video_afd_meta(b, 0, GST_VIDEO_AFD_SPEC_SMPTE_ST2016_1, GstVideoAFDValue(a.code));
+            gst_buffer_add_video_bar_meta(b, 0, a.letterbox, a.bar1, a.bar2);
+            GstVideoTimeCode* tc = gst_video_time_code_new(rate.num, rate.den, nullptr,
+                                                           GST_VIDEO_TIME_CODE_FLAGS_NONE, 10, 0, 0, 0, 0);
+            gst_video_time_code_add_frames(tc, i);
+            gst_buffer_add_video_time_code_meta(b, tc);
+            tcs[i] = tc;
+            ASSERT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
+        },
+        [&](const CapturedFrame& f) {
+            const int tag = frame_of(f);
+            // Time code: every buffer of the frame carries its picture's.
+            if (tag >= 0 && tcs.count(tag)) {
+                const GstVideoTimeCode* tc = tcs[tag];
+                EXPECT_TRUE(f.flags & V4L2_BUF_FLAG_TIMECODE) << "frame " << tag;
+                EXPECT_EQ((std::array<unsigned, 4>{f.tc_hours, f.tc_minutes, f.tc_seconds, f.tc_frames}),
+                          (std::array<unsigned, 4>{tc->hours, tc->minutes, tc->seconds, tc->frames}))
+                    << "frame " << tag;
+            }
+            if (f.field == V4L2_FIELD_BOTTOM)
+                return;
+            frame_seen s;
+            s.tag = tag;
+            for (uint32_t r = 0; r < f.vbi_lines; ++r)
+                for (const auto& p :
+                     qvboardsim::find_anc(f.vbi.data() + size_t(r) * f.vbi_samples, f.vbi_samples, r, m_row.isHD)) {
+                    EXPECT_TRUE(p.parity_ok && p.checksum_ok && !p.truncated) << "row " << r;
+                    if (p.did == 0x61 && p.sdid == 0x01) {
+                        s.cdps.push_back(qvboardsim::decode_cdp(p.udw));
+                        s.cdpBytes.push_back(p.udw);
+                        s.cdpRows.push_back(r);
+                    } else if (p.did == 0x41 && p.sdid == 0x05) {
+                        s.afds.push_back(qvboardsim::decode_afd(p.udw));
+                        s.afdRows.push_back(r);
+                    }
+                }
+            seen.push_back(std::move(s));
+        });
+    for (auto& [i, tc] : tcs)
+        gst_video_time_code_free(tc);
+
+    // Expected streams, in stamping order.
+    std::vector<std::pair<uint8_t, uint8_t>> want608[2];
+    std::vector<triplet> want708;
+    for (int i = 0; i < nFrames; ++i) {
+        const frame_captions fc = captions_of(i, fps, field1Only);
+        for (const triplet& t : fc.cea608)
+            want608[t[0] & 1].emplace_back(t[1], t[2]);
+        want708.insert(want708.end(), fc.dtvcc.begin(), fc.dtvcc.end());
+    }
+
+    // The simulator's readers: one cdp a frame from the first caption on, on
+    // the default line, with the rate's count and a counter running on.
+    const unsigned ccCount = fps > 31 ? 10u + (fps < 55 ? 2u : 0u) : (fps < 24.5f ? 25u : fps < 26 ? 24u : 20u);
+    std::vector<std::pair<uint8_t, uint8_t>> got608[2];
+    std::vector<triplet> got708;
+    std::vector<std::vector<uint8_t>> cdpBytes; // for ccconverter, in output order
+    int lastSeq = -1, cdpFrames = 0, afdFrames = 0, late608 = 0;
+    for (const frame_seen& s : seen) {
+        if (s.tag < 0)
+            continue;
+        if (lastSeq >= 0 || !s.cdps.empty()) {
+            ASSERT_EQ(s.cdps.size(), 1u) << "frame " << s.tag;
+        }
+        for (size_t k = 0; k < s.cdps.size(); ++k) {
+            const qvboardsim::CdpInfo& cdp = s.cdps[k];
+            ASSERT_TRUE(cdp.ok) << cdp.error;
+            EXPECT_EQ(s.cdpRows[k], c.ccRow);
+            EXPECT_EQ(cdp.rate_code, rate_code(fps));
+            EXPECT_EQ(cdp.cc_count, ccCount);
+            if (lastSeq >= 0) {
+                EXPECT_EQ(cdp.sequence, static_cast<unsigned>((lastSeq + 1) % 65536));
+            }
+            lastSeq = static_cast<int>(cdp.sequence);
+            ++cdpFrames;
+            cdpBytes.push_back(s.cdpBytes[k]);
+            for (const triplet& t : cdp.cc) {
+                if (!(t[0] & 0x04))
+                    continue;
+                const int type = t[0] & 3;
+                if (type < 2) {
+                    got608[type].emplace_back(t[1], t[2]);
+                    late608 += std::abs(frame_of_pair(t[1], t[2], type) - s.tag) > 1;
+                } else {
+                    got708.push_back(t);
+                }
+            }
+        }
+        ASSERT_EQ(s.afds.size(), 1u) << "frame " << s.tag;
+        const afd_case a = afd_of(s.tag);
+        const qvboardsim::AfdInfo& afd = s.afds[0];
+        EXPECT_EQ(s.afdRows[0], c.afdRow);
+        EXPECT_EQ(afd.afd, a.code) << "frame " << s.tag;
+        EXPECT_EQ(afd.wide, m_row.isHD) << "the picture's shape: 720x576 with square pixels is not 16:9";
+        EXPECT_EQ(afd.bar_flags, a.letterbox ? 0xCu : 0x3u) << "frame " << s.tag;
+        EXPECT_EQ(afd.bar1, a.bar1);
+        EXPECT_EQ(afd.bar2, a.bar2);
+        ++afdFrames;
+    }
+    // The last frames the board had queued at the stop are not in the
+    // capture: what came out is what went in up to there, none missing.
+    EXPECT_GE(cdpFrames, nFrames - 6);
+    const int lastTag = seen.empty() ? 0 : seen.back().tag;
+    const auto prefix_of_want = [&](const auto& got, const auto& want, const char* what) {
+        ASSERT_LE(got.size(), want.size()) << what;
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), want.begin())) << what << " out of order or changed";
+    };
+    prefix_of_want(got608[0], want608[0], "608 field 1");
+    prefix_of_want(got608[1], want608[1], "608 field 2");
+    prefix_of_want(got708, want708, "DTVCC");
+    if (!got608[0].empty()) {
+        EXPECT_GE(frame_of_pair(got608[0].back().first, got608[0].back().second, 0), lastTag - 1);
+    }
+    EXPECT_GE(got708.size(), 4u * static_cast<size_t>(lastTag - 1));
+    EXPECT_EQ(late608, 0) << "608 pairs more than a frame away from their picture";
+
+    // GStreamer's own cdp reader on the packets as they went out gives the
+    // same byte pairs and DTVCC data in the same order.
+    if (qv_test_gst_has_plugin("closedcaption")) {
+        std::vector<triplet> oracle;
+        for (const triplet& t : cc_data_by_ccconverter(cdpBytes, rate.num, rate.den))
+            if (t[0] & 0x04)
+                oracle.push_back(t);
+        std::vector<std::pair<uint8_t, uint8_t>> o608[2];
+        std::vector<triplet> o708;
+        for (const triplet& t : oracle) {
+            if ((t[0] & 3) < 2) {
+                if ((t[1] & 0x7F) || (t[2] & 0x7F))
+                    o608[t[0] & 1].emplace_back(t[1], t[2]);
+            } else {
+                o708.push_back(t);
+            }
+        }
+        EXPECT_FALSE(o708.empty());
+        EXPECT_EQ(o608[0], got608[0]);
+        EXPECT_EQ(o608[1], got608[1]);
+        EXPECT_EQ(o708, got708);
+    }
+    EXPECT_EQ(stat("Caption triplets dropped"), "0");
+    EXPECT_EQ(stat("Caption triplets sent"), std::to_string(want608[0].size() + want608[1].size() + want708.size()));
+    EXPECT_EQ(stat("Caption blocks refused"), "0");
+    EXPECT_GE(std::stoi(stat("AFD frames")), afdFrames);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Boards, OnAirCaptions,
+    ::testing::Values(caption_case{"Cdp1080i50MultiPlane", NodeKind::multi_plane, 2, form::cdp, 8, 10},
+                      caption_case{"CcData720p5994MultiPlane", NodeKind::multi_plane, 7, form::cc_data, 8, 10},
+                      caption_case{"S334And708_576iMultiPlane", NodeKind::multi_plane, 0, form::s334_and_cc_data, 4, 3},
+                      caption_case{"RawAndCdp1080i60SinglePlane", NodeKind::single_plane, 3, form::raw_and_cdp, 8,
+                                   10}),
+    [](const auto& i) { return std::string(i.param.name); });
