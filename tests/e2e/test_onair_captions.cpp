@@ -222,6 +222,26 @@ struct frame_seen {
     std::vector<uint32_t> afdRows;
 };
 
+// The caption and AFD packets of a record; parity and checksum must hold.
+frame_seen read_frame(const CapturedFrame& f, bool hd)
+{
+    frame_seen s;
+    s.tag = OnAirTest::frame_of(f);
+    for (uint32_t r = 0; r < f.vbi_lines; ++r)
+        for (const auto& p : qvboardsim::find_anc(f.vbi.data() + size_t(r) * f.vbi_samples, f.vbi_samples, r, hd)) {
+            EXPECT_TRUE(p.parity_ok && p.checksum_ok && !p.truncated) << "row " << r;
+            if (p.did == 0x61 && p.sdid == 0x01) {
+                s.cdps.push_back(qvboardsim::decode_cdp(p.udw));
+                s.cdpBytes.push_back(p.udw);
+                s.cdpRows.push_back(r);
+            } else if (p.did == 0x41 && p.sdid == 0x05) {
+                s.afds.push_back(qvboardsim::decode_afd(p.udw));
+                s.afdRows.push_back(r);
+            }
+        }
+    return s;
+}
+
 } // namespace
 
 // Captions in every form, AFD with bars and a time code on every picture:
@@ -266,24 +286,8 @@ TEST_P(OnAirCaptions, CaptionsAfdAndTimeCodeGoOutWithTheirPictures)
                           (std::array<unsigned, 4>{tc->hours, tc->minutes, tc->seconds, tc->frames}))
                     << "frame " << tag;
             }
-            if (f.field == V4L2_FIELD_BOTTOM)
-                return;
-            frame_seen s;
-            s.tag = tag;
-            for (uint32_t r = 0; r < f.vbi_lines; ++r)
-                for (const auto& p :
-                     qvboardsim::find_anc(f.vbi.data() + size_t(r) * f.vbi_samples, f.vbi_samples, r, m_row.isHD)) {
-                    EXPECT_TRUE(p.parity_ok && p.checksum_ok && !p.truncated) << "row " << r;
-                    if (p.did == 0x61 && p.sdid == 0x01) {
-                        s.cdps.push_back(qvboardsim::decode_cdp(p.udw));
-                        s.cdpBytes.push_back(p.udw);
-                        s.cdpRows.push_back(r);
-                    } else if (p.did == 0x41 && p.sdid == 0x05) {
-                        s.afds.push_back(qvboardsim::decode_afd(p.udw));
-                        s.afdRows.push_back(r);
-                    }
-                }
-            seen.push_back(std::move(s));
+            if (f.field != V4L2_FIELD_BOTTOM)
+                seen.push_back(read_frame(f, m_row.isHD));
         });
     for (auto& [i, tc] : tcs)
         gst_video_time_code_free(tc);
@@ -399,3 +403,119 @@ INSTANTIATE_TEST_SUITE_P(
                       caption_case{"RawAndCdp1080i60SinglePlane", NodeKind::single_plane, 3, form::raw_and_cdp, 8,
                                    10}),
     [](const auto& i) { return std::string(i.param.name); });
+
+class OnAirCaptionInput : public OnAirTest {};
+
+// Runs of malformed cdps between good ones: each run is reported once and
+// counted, every picture still goes out, and the good captions around the
+// runs go out whole and in order.
+TEST_F(OnAirCaptionInput, MalformedCdpsAreDroppedOncePerRunAndThePicturesGoOn)
+{
+    make_onair(NodeKind::single_plane, 3);
+    m_video = harness("sink_video", video_caps().c_str());
+    print_capture console;
+    play();
+    const float fps = m_row.fps;
+    const int nFrames = 60;
+    const auto bad = [](int i) { return (i >= 10 && i < 20) || (i >= 30 && i < 40); };
+    std::vector<frame_seen> seen;
+    run(
+        nFrames,
+        [&](int i) {
+            GstBuffer* b = tagged_frame(i);
+            std::vector<uint8_t> cdp = make_cdp(captions_of(i, fps, false).cea608, rate_code(fps), uint16_t(i));
+            if (bad(i)) {
+                switch (i % 4) {
+                case 0: // the length byte says more than there is
+                    cdp[2] = static_cast<uint8_t>(cdp[2] + 9);
+                    break;
+                case 1:
+                    cdp.back() ^= 0x5A; // checksum
+                    break;
+                case 2: { // cc_count beyond the packet, length and checksum made to agree
+                    cdp[8] = 0xFF;
+                    unsigned sum = 0;
+                    for (size_t k = 0; k + 1 < cdp.size(); ++k)
+                        sum += cdp[k];
+                    cdp.back() = static_cast<uint8_t>(0x100 - sum % 256);
+                    break;
+                }
+                default: // noise far longer than any cdp
+                    cdp.assign(4000, static_cast<uint8_t>(i));
+                    break;
+                }
+            }
+            add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA708_CDP, cdp);
+            ASSERT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
+        },
+        [&](const CapturedFrame& f) { seen.push_back(read_frame(f, m_row.isHD)); });
+
+    EXPECT_EQ(console.count_containing("caption metadata dropped"), 2u);
+    std::vector<std::pair<uint8_t, uint8_t>> got[2];
+    int expectTag = seen.empty() ? 0 : seen.front().tag;
+    for (const frame_seen& s : seen) {
+        EXPECT_EQ(s.tag, expectTag++) << "every picture goes out once, in order";
+        if (s.cdps.empty())
+            continue;
+        ASSERT_TRUE(s.cdps[0].ok) << s.cdps[0].error;
+        for (const triplet& t : s.cdps[0].cc)
+            if ((t[0] & 0x04) && (t[0] & 3) < 2)
+                got[t[0] & 1].emplace_back(t[1], t[2]);
+    }
+    for (int field = 0; field < 2; ++field) {
+        std::vector<std::pair<uint8_t, uint8_t>> want;
+        for (int i = 0; i < nFrames && want.size() < got[field].size(); ++i)
+            if (!bad(i))
+                want.push_back(pair_of(i, field));
+        EXPECT_EQ(got[field], want) << "field " << field + 1;
+        EXPECT_GE(got[field].size(), 25u);
+    }
+    EXPECT_EQ(stat("Caption blocks refused"), "20");
+}
+
+// The line map moves captions and AFD; a default line that teletext holds
+// moves to the next free line with a warning; a line named twice stays with
+// the first.
+TEST_F(OnAirCaptionInput, LineMapPlacesCaptionsAndAfd)
+{
+    const struct {
+        const char* map;
+        uint32_t ccRow, afdRow;
+        const char* warning;
+    } cases[] = {
+        {"cc=14;afd=16", 13, 15, nullptr},
+        {"teletext=9-10", 10, 11, "packets go on line 11"},
+        {"afd=12;cc=12", 8, 11, "already taken by afd"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.map);
+        make_onair(NodeKind::multi_plane, 6);
+        print_capture console;
+        g_object_set(m_pElement, "line-map", c.map, nullptr);
+        m_video = harness("sink_video", video_caps().c_str());
+        play();
+        std::vector<frame_seen> seen;
+        run(
+            12,
+            [&](int i) {
+                GstBuffer* b = tagged_frame(i);
+                add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA708_RAW, flat(captions_of(i, m_row.fps, false).cea608));
+                gst_buffer_add_video_afd_meta(b, 0, GST_VIDEO_AFD_SPEC_SMPTE_ST2016_1, GST_VIDEO_AFD_16_9_TOP_ALIGNED);
+                ASSERT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
+            },
+            [&](const CapturedFrame& f) { seen.push_back(read_frame(f, m_row.isHD)); });
+        ASSERT_FALSE(seen.empty());
+        for (const frame_seen& s : seen) {
+            ASSERT_EQ(s.cdpRows.size(), 1u);
+            ASSERT_EQ(s.afdRows.size(), 1u);
+            EXPECT_EQ(s.cdpRows[0], c.ccRow);
+            EXPECT_EQ(s.afdRows[0], c.afdRow);
+            EXPECT_EQ(s.afds[0].afd, 2u);
+            EXPECT_EQ(s.afds[0].bar_flags, 0u) << "no bar meta, no bars";
+        }
+        if (c.warning) {
+            EXPECT_GE(console.count_containing(c.warning), 1u);
+        }
+        TearDown();
+    }
+}

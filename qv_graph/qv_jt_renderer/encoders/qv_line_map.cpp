@@ -136,8 +136,8 @@ bool qv_parse_line_map(const std::string& strText, const qv_line_geometry& g, ui
     uint8_t table[qv_line_entries] = {};
     qv_anc_lines anc;
     auto warn = [&](const std::string& strService, uint32_t nLine, const char* pOwner) {
-        anc.warnings.push_back(strService + " line " + std::to_string(nLine) + " is already a " + pOwner +
-                               " line: the " + strService + " entry for it is not applied");
+        anc.warnings.push_back(strService + " line " + std::to_string(nLine) + " is already taken by " + pOwner +
+                               ": the " + strService + " entry for it is not applied");
     };
     // Which service of the two outside the table holds the line, if any.
     auto anc_owner = [&](uint32_t nLine) -> const char* {

@@ -34,11 +34,8 @@ bool qv_renderer::set_app_property(guint id, const GValue* value)
             return true;
         }
         m_strLineMap = text;
-        for (const std::string& w : m_ancLines.warnings) {
-            g_printerr("qvjtrenderer: line-map \"%s\": %s\n", text.c_str(), w.c_str());
-            GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), LIBRARY, SETTINGS,
-                                ("line-map \"%s\": %s", text.c_str(), w.c_str()), (nullptr));
-        }
+        for (const std::string& w : m_ancLines.warnings)
+            warn_configuration("line-map \"" + text + "\": " + w);
         return true;
     }
     case PROP_STATS_INTERVAL:
