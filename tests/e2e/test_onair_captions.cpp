@@ -13,6 +13,8 @@
 #include <array>
 #include <cstdlib>
 #include <map>
+#include <memory>
+#include <thread>
 
 namespace {
 
@@ -85,7 +87,9 @@ std::vector<uint8_t> make_cdp(const std::vector<triplet>& cc, uint8_t rate, uint
     return b;
 }
 
-enum class form { cc_data, cdp, s334_and_cc_data, raw_and_cdp };
+// How the captions reach the element: as metadata put on the pictures here
+// in one of the forms, or from a caption stream through cccombiner.
+enum class form { cc_data, cdp, s334_and_cc_data, raw_and_cdp, cccombiner };
 
 void add_caption(GstBuffer* b, GstVideoCaptionType type, const std::vector<uint8_t>& data)
 {
@@ -119,6 +123,8 @@ void attach_captions(GstBuffer* b, form f, const frame_captions& c, uint8_t rate
         add_caption(b, GST_VIDEO_CAPTION_TYPE_CEA708_RAW, flat(c.dtvcc));
         break;
     }
+    case form::cccombiner:
+        break;
     case form::raw_and_cdp: {
         std::vector<uint8_t> raw;
         for (const triplet& t : c.cea608)
@@ -222,6 +228,46 @@ struct frame_seen {
     std::vector<uint32_t> afdRows;
 };
 
+// cccombiner fed by two harnesses (pictures, captions); what it lets out goes
+// on to the element's video pad.
+struct caption_combiner {
+    caption_combiner(const std::string& videoCaps, const std::string& captionCaps)
+    {
+        GstElement* e = gst_element_factory_make("cccombiner", nullptr);
+        video = gst_harness_new_with_element(e, "sink", "src");
+        captions = gst_harness_new_with_element(e, "caption", nullptr);
+        gst_object_unref(e);
+        gst_harness_set_src_caps_str(video, videoCaps.c_str());
+        gst_harness_set_src_caps_str(captions, captionCaps.c_str());
+    }
+    ~caption_combiner()
+    {
+        gst_harness_teardown(captions);
+        gst_harness_teardown(video);
+    }
+    caption_combiner(const caption_combiner&) = delete;
+    caption_combiner& operator=(const caption_combiner&) = delete;
+
+    // Forwards what came out; at the end waits (bounded) for everything.
+    void forward(GstHarness* to, bool bAll)
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(bAll ? 5 : 0);
+        do {
+            while (GstBuffer* b = gst_harness_try_pull(video)) {
+                ++nOut;
+                EXPECT_EQ(gst_harness_push(to, b), GST_FLOW_OK);
+            }
+            if (bAll && nOut < nPushed)
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        } while (bAll && nOut < nPushed && std::chrono::steady_clock::now() < end);
+    }
+
+    GstHarness* video = nullptr;
+    GstHarness* captions = nullptr;
+    int nPushed = 0; // pictures in
+    int nOut = 0;    // pictures out
+};
+
 // The caption and AFD packets of a record; parity and checksum must hold.
 frame_seen read_frame(const CapturedFrame& f, bool hd)
 {
@@ -259,8 +305,15 @@ TEST_P(OnAirCaptions, CaptionsAfdAndTimeCodeGoOutWithTheirPictures)
     const int nFrames = 60;
 
     std::vector<frame_seen> seen;
-    std::vector<CapturedFrame> timecoded;
     std::map<int, GstVideoTimeCode*> tcs;
+    std::unique_ptr<caption_combiner> combiner;
+    if (c.captions == form::cccombiner) {
+        if (!qv_test_gst_has_plugin("closedcaption"))
+            GTEST_SKIP() << "cccombiner is not installed";
+        const std::string ccCaps = "closedcaption/x-cea-708,format=cc_data,framerate=" + std::to_string(rate.num) +
+                                   "/" + std::to_string(rate.den);
+        combiner = std::make_unique<caption_combiner>(video_caps(), ccCaps);
+    }
     run(
         nFrames,
         [&](int i) {
@@ -274,7 +327,26 @@ TEST_P(OnAirCaptions, CaptionsAfdAndTimeCodeGoOutWithTheirPictures)
             gst_video_time_code_add_frames(tc, i);
             gst_buffer_add_video_time_code_meta(b, tc);
             tcs[i] = tc;
-            ASSERT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
+            if (!combiner) {
+                ASSERT_EQ(gst_harness_push(m_video, b), GST_FLOW_OK);
+                return;
+            }
+            // The caption stream beside the pictures: one cc_data buffer a frame.
+            const frame_captions fc = captions_of(i, fps, field1Only);
+            std::vector<triplet> all = fc.cea608;
+            all.insert(all.end(), fc.dtvcc.begin(), fc.dtvcc.end());
+            const std::vector<uint8_t> bytes = flat(all);
+            GstBuffer* cc = gst_buffer_new_memdup(bytes.data(), bytes.size());
+            GST_BUFFER_PTS(cc) = GST_BUFFER_PTS(b);
+            GST_BUFFER_DURATION(cc) = GST_BUFFER_DURATION(b);
+            ASSERT_EQ(gst_harness_push(combiner->captions, cc), GST_FLOW_OK);
+            ++combiner->nPushed;
+            ASSERT_EQ(gst_harness_push(combiner->video, b), GST_FLOW_OK);
+            if (i == nFrames - 1) {
+                gst_harness_push_event(combiner->captions, gst_event_new_eos());
+                gst_harness_push_event(combiner->video, gst_event_new_eos());
+            }
+            combiner->forward(m_video, i == nFrames - 1);
         },
         [&](const CapturedFrame& f) {
             const int tag = frame_of(f);
@@ -401,6 +473,11 @@ INSTANTIATE_TEST_SUITE_P(
                       caption_case{"CcData720p5994MultiPlane", NodeKind::multi_plane, 7, form::cc_data, 8, 10},
                       caption_case{"S334And708_576iMultiPlane", NodeKind::multi_plane, 0, form::s334_and_cc_data, 4, 3},
                       caption_case{"RawAndCdp1080i60SinglePlane", NodeKind::single_plane, 3, form::raw_and_cdp, 8,
+                                   10},
+                      caption_case{"Cccombiner1080i50MultiPlane", NodeKind::multi_plane, 2, form::cccombiner, 8, 10},
+                      caption_case{"Cccombiner720p5994MultiPlane", NodeKind::multi_plane, 7, form::cccombiner, 8, 10},
+                      caption_case{"Cccombiner576iMultiPlane", NodeKind::multi_plane, 0, form::cccombiner, 4, 3},
+                      caption_case{"Cccombiner1080i60SinglePlane", NodeKind::single_plane, 3, form::cccombiner, 8,
                                    10}),
     [](const auto& i) { return std::string(i.param.name); });
 
