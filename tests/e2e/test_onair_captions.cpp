@@ -44,8 +44,8 @@ int frame_of_pair(uint8_t a, uint8_t b, int field)
 // service 1 block of six bytes naming the frame.
 std::vector<triplet> dtvcc_of(int i)
 {
-    const uint8_t p[8] = {static_cast<uint8_t>((i % 4) << 6 | 4), 0x26, static_cast<uint8_t>(0x20 + i % 90), 'q',
-                          'v',                                   'j',  't',                                static_cast<uint8_t>(i)};
+    const auto header = static_cast<uint8_t>((i % 4) << 6 | 4);
+    const uint8_t p[8] = {header, 0x26, static_cast<uint8_t>(0x20 + i % 90), 'q', 'v', 'j', 't', static_cast<uint8_t>(i)};
     return {{0xFF, p[0], p[1]}, {0xFE, p[2], p[3]}, {0xFE, p[4], p[5]}, {0xFE, p[6], p[7]}};
 }
 

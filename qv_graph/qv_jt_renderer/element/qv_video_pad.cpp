@@ -211,6 +211,14 @@ uint64_t running_time(GstPad* pad, GstClockTime pts)
     return rt == GST_CLOCK_TIME_NONE ? pts : rt;
 }
 
+static_assert(static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA608_RAW) == static_cast<int>(qv_caption_form::cea608_raw) &&
+                  static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA608_S334_1A) ==
+                      static_cast<int>(qv_caption_form::cea608_s334_1a) &&
+                  static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA708_RAW) ==
+                      static_cast<int>(qv_caption_form::cea708_cc_data) &&
+                  static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA708_CDP) == static_cast<int>(qv_caption_form::cea708_cdp),
+              "the caption forms are numbered as GStreamer numbers them");
+
 // What the picture's metadata asks to go out with it: captions (every block,
 // in the order they are attached), AFD and bar data, time code. The AFD
 // packet's aspect flag is the picture's own shape.

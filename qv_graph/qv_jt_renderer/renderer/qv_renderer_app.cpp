@@ -50,7 +50,8 @@ bool qv_renderer::get_app_property(guint id, GValue* value)
 {
     switch (id) {
     case PROP_LINE_MAP:
-        g_value_take_string(value, g_strdup(qv_format_line_map(m_nVBILines, m_ancLines, geometry_of_mode(m_nMode)).c_str()));
+        g_value_take_string(
+            value, g_strdup(qv_format_line_map(m_nVBILines, m_ancLines, geometry_of_mode(m_nMode)).c_str()));
         return true;
     case PROP_STATS:
         g_value_take_boxed(value, qv_stats_reporter::snapshot(m_statistics));
