@@ -609,3 +609,50 @@ TEST_F(OnAirCaptionInput, LineMapPlacesCaptionsAndAfd)
         TearDown();
     }
 }
+
+// With the raw VBI pad in use, a time code that comes through it is the
+// frame's; frames whose VBI data carries none take their picture's.
+TEST_F(OnAirCaptionInput, TheVbiPadsTimeCodeComesBeforeThePictures)
+{
+    make_onair(NodeKind::multi_plane, 6);
+    g_object_set(m_pElement, "use_vbi", TRUE, nullptr);
+    m_video = harness("sink_video", video_caps().c_str());
+    GstHarness* vbi = harness("sink_vbi", "application/x-vbi,format=Y10,width=1280,height=25,framerate=50/1,"
+                                          "interlace-mode=progressive,count-0=25,count-1=0,start-0=1,start-1=0,"
+                                          "sample-per-line=2560");
+    play();
+    const auto stamp = [&](GstBuffer* b, guint hours, int i) {
+        GstVideoTimeCode* tc =
+            gst_video_time_code_new(50, 1, nullptr, GST_VIDEO_TIME_CODE_FLAGS_NONE, hours, 0, 0, 0, 0);
+        gst_video_time_code_add_frames(tc, i);
+        gst_buffer_add_video_time_code_meta(b, tc);
+        gst_video_time_code_free(tc);
+    };
+    std::map<int, unsigned> hours; // frame -> hours of the time code that went out
+    run(
+        40,
+        [&](int i) {
+            GstBuffer* v = tagged_frame(i);
+            stamp(v, 11, i);
+            GstBuffer* d = gst_buffer_new_allocate(nullptr, 1280 * 4, nullptr);
+            gst_buffer_memset(d, 0, 0, 1280 * 4);
+            GST_BUFFER_PTS(d) = GST_BUFFER_PTS(v);
+            GST_BUFFER_DURATION(d) = GST_BUFFER_DURATION(v);
+            if (i % 2 == 0)
+                stamp(d, 10, i);
+            ASSERT_EQ(gst_harness_push(vbi, d), GST_FLOW_OK);
+            ASSERT_EQ(gst_harness_push(m_video, v), GST_FLOW_OK);
+        },
+        [&](const CapturedFrame& f) {
+            if (frame_of(f) >= 0 && (f.flags & V4L2_BUF_FLAG_TIMECODE))
+                hours[frame_of(f)] = f.tc_hours;
+        });
+    ASSERT_GE(hours.size(), 20u);
+    // The VBI stream's very first frame is not the output's first (its FIFO
+    // starts after the pictures'): from the second frame on both streams play.
+    for (const auto& [frame, h] : hours) {
+        if (frame >= 2) {
+            EXPECT_EQ(h, frame % 2 == 0 ? 10u : 11u) << "frame " << frame;
+        }
+    }
+}
