@@ -300,10 +300,14 @@ void qv_renderer::take_metadata(loop_state& L)
     }
     std::string strWhy;
     const auto taken = m_ancillary.take(nShown, m_cc_queue, L.metadata, strWhy);
-    if (taken.nBad > 0 && !L.bBadCaptions)
+    if (taken.nBad > 0 && !L.bBadCaptions) {
         g_print("qv_jt_renderer: caption metadata dropped (%s); the pictures go on, further malformed captions "
                 "are dropped silently until good ones come\n",
                 strWhy.c_str());
+        GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), STREAM, FORMAT,
+                            ("sink_video: caption metadata dropped, %s; play-out goes on", strWhy.c_str()),
+                            (nullptr));
+    }
     if (taken.nBad > 0)
         L.bBadCaptions = true;
     else if (taken.nBlocks > 0)
