@@ -110,10 +110,10 @@ def build_ts(path, width, height, frames, teletext_units, cues):
     label_teletext(path)
 
 
-def have_elements():
+def have_elements(extra=()):
     """True when the stock elements the tests build and play streams with are installed."""
     Gst.init(None)
-    need = ["mpeg2enc", "mpegtsmux", "tsdemux", "mpegvideoparse", "avdec_mpeg2video", "avenc_mp2",
+    need = list(extra) + ["mpeg2enc", "mpegtsmux", "tsdemux", "mpegvideoparse", "avdec_mpeg2video", "avenc_mp2",
             "mpegaudioparse", "avdec_mp2float", "appsrc", "audiotestsrc", "audioconvert", "videotestsrc"]
     missing = [n for n in need if Gst.ElementFactory.find(n) is None]
     if missing:
@@ -192,6 +192,75 @@ def sim_env(build_dir, workdir, boards):
     })
     env.pop("QVBOARDSIM_CONFIG", None)
     return env
+
+
+CAPTION_TEXT = "QV CAPTIONS ON AIR 0123456789 "
+
+
+def caption_pairs(frames):
+    """CEA-608 pairs of frame f as (field 1 pair, field 2 pair): field 1 spells
+    CAPTION_TEXT over and over, field 2 counts the frames in two letters."""
+    out = []
+    for f in range(frames):
+        k = 2 * f % len(CAPTION_TEXT)
+        f1 = (odd_parity(ord(CAPTION_TEXT[k])), odd_parity(ord(CAPTION_TEXT[k + 1])))
+        f2 = (odd_parity(ord("a") + f // 26 % 26), odd_parity(ord("a") + f % 26))
+        out.append((f1, f2))
+    return out
+
+
+def build_captioned_ts(path, width, height, frames):
+    """Writes `frames` frames of 25p H.264 whose CEA-608 captions (caption_pairs,
+    both fields) went in through cccombiner and out as A/53 user data, as a
+    station's encoder makes them."""
+    Gst.init(None)
+    desc = (
+        f"appsrc name=vsrc format=time caps=video/x-raw,format=I420,width={width},height={height},"
+        "framerate=25/1,pixel-aspect-ratio=1/1 ! cc.sink "
+        "appsrc name=csrc format=time caps=closedcaption/x-cea-708,format=cc_data,framerate=25/1 ! cc.caption "
+        "cccombiner name=cc ! x264enc speed-preset=ultrafast key-int-max=25 ! h264parse "
+        f"! mpegtsmux ! filesink location={path}")
+    pipe = Gst.parse_launch(desc)
+    vsrc = pipe.get_by_name("vsrc")
+    csrc = pipe.get_by_name("csrc")
+    pipe.set_state(Gst.State.PLAYING)
+    y = width * height
+    for f, (f1, f2) in enumerate(caption_pairs(frames)):
+        pts = f * FRAME_NS
+        buf = Gst.Buffer.new_wrapped(bytes([luma_of(f)]) * y + bytes([128]) * (y // 2))
+        buf.pts, buf.duration = pts, FRAME_NS
+        vsrc.emit("push-buffer", buf)
+        cbuf = Gst.Buffer.new_wrapped(bytes([0xFC, f1[0], f1[1], 0xFD, f2[0], f2[1]]))
+        cbuf.pts, cbuf.duration = pts, FRAME_NS
+        csrc.emit("push-buffer", cbuf)
+    vsrc.emit("end-of-stream")
+    csrc.emit("end-of-stream")
+    msg = pipe.get_bus().timed_pop_filtered(120 * Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR)
+    pipe.set_state(Gst.State.NULL)
+    if msg is None or msg.type != Gst.MessageType.EOS:
+        raise RuntimeError(f"building {path} failed: {msg.parse_error() if msg else 'timeout'}")
+
+
+def captions_of_capture(records):
+    """The valid CEA-608 pairs of each field, in the order the cdps (ANC
+    DID 0x61 SDID 0x01) of the capture carry them; cdps that do not check
+    out are counted as bad."""
+    pairs = {0: [], 1: []}
+    bad = 0
+    for rec in records:
+        for _, did, sdid, cdp in rec["anc"]:
+            if (did, sdid) != (0x61, 0x01):
+                continue
+            if len(cdp) < 11 or cdp[0:2] != b"\x96\x69" or cdp[2] != len(cdp) or sum(cdp) % 256 \
+                    or cdp[7] != 0x72 or cdp[-4] != 0x74:
+                bad += 1
+                continue
+            count = cdp[8] & 0x1F
+            for k in range(count):
+                b0, b1, b2 = cdp[9 + 3 * k:12 + 3 * k]
+                if b0 & 0x04 and (b0 & 3) < 2:
+                    pairs[b0 & 1].append((b1, b2))
+    return pairs, bad
 
 
 def read_capture(build_dir, capture):

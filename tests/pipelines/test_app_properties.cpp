@@ -93,8 +93,10 @@ TEST_F(AppProperties, StatsCarryEveryFigureOfTheRecord)
     EXPECT_EQ(nAudio, 2u);
     EXPECT_TRUE(gst_structure_has_field(s, "audio1-dropped-samples"));
     EXPECT_FALSE(gst_structure_has_field(s, "audio2-dropped-samples"));
-    // Device and genlock figures, 7 video, audio-lines, 7 per audio line, 6 for each data stream.
-    EXPECT_EQ(gst_structure_n_fields(s), 9 + 7 + 1 + 2 * 7 + 3 * 6);
+    EXPECT_TRUE(gst_structure_has_field(s, "caption-triplets-queued"));
+    // Device and genlock figures, 7 video, audio-lines, 7 per audio line, 6 for each data stream, 6 for
+    // captions and AFD.
+    EXPECT_EQ(gst_structure_n_fields(s), 9 + 7 + 1 + 2 * 7 + 3 * 6 + 6);
     gst_structure_free(s);
 }
 

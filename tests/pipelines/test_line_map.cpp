@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -75,7 +76,8 @@ TEST(LineMapText, MalformedTextLeavesTheTableAlone)
         {"teletext=9-7", k_sd},      {"teletext=0", k_sd},    {"teletext=7x", k_sd},
         {"teletext=33", k_sd},       {"teletext=346", k_sd},  {"teletext=320", k_hdp},
         {"teletext=570", k_hdi},     {"scte104=1", k_sd},     {"scte104=66", k_hdp},
-        {"scte104=320", k_sd},       {"teletext=99999999", k_sd},
+        {"scte104=320", k_sd},       {"teletext=99999999", k_sd}, {"cc=0", k_hdi},
+        {"afd=65", k_hdi},           {"cc=9,10", k_hdi},      {"cc=", k_sd},
     };
     for (const auto& [text, geometry] : bad) {
         uint8_t table[qv_line_entries];
@@ -86,6 +88,46 @@ TEST(LineMapText, MalformedTextLeavesTheTableAlone)
         EXPECT_EQ(table[0], 7) << text;
         EXPECT_EQ(table[63], 7) << text;
     }
+}
+
+// Caption and AFD lines beside the table: a line claimed twice stays with the
+// earlier clause, the later one is dropped with a warning naming both.
+TEST(LineMapText, CaptionAndAfdLinesAndTheirClashes)
+{
+    const struct {
+        const char* text;
+        uint32_t cc, afd;
+        const char* readBack;
+        std::vector<const char*> warnings; // words each warning holds, in order
+    } cases[] = {
+        {"cc=9;afd=11", 9, 11, "cc=9;afd=11", {}},
+        {"teletext=7-22;cc=9;afd=23", 0, 23, "teletext=7-22;afd=23", {"cc line 9 is already taken by teletext"}},
+        {"cc=9;teletext=8-10", 9, 0, "teletext=8,10;cc=9", {"teletext line 9 is already taken by cc"}},
+        {"scte104=12;afd=12;cc=12", 0, 0, "scte104=12", {"afd line 12 is already taken by SCTE-104", "cc line 12"}},
+        {"afd=5;cc=5", 0, 5, "afd=5", {"cc line 5 is already taken by afd"}},
+        {"cc=10;scte104=10", 10, 0, "cc=10", {"scte104 line 10 is already taken by cc"}},
+    };
+    for (const auto& c : cases) {
+        uint8_t table[qv_line_entries];
+        qv_anc_lines lines;
+        std::string error;
+        ASSERT_TRUE(qv_parse_line_map(c.text, k_hdi, table, lines, error)) << c.text << ": " << error;
+        EXPECT_EQ(lines.nCaption, c.cc) << c.text;
+        EXPECT_EQ(lines.nAfd, c.afd) << c.text;
+        EXPECT_EQ(qv_format_line_map(table, lines, k_hdi), c.readBack) << c.text;
+        ASSERT_EQ(lines.warnings.size(), c.warnings.size()) << c.text;
+        for (size_t k = 0; k < c.warnings.size(); ++k)
+            EXPECT_NE(lines.warnings[k].find(c.warnings[k]), std::string::npos) << lines.warnings[k];
+    }
+    EXPECT_EQ(qv_default_caption_line(k_hdi), 9u);
+    EXPECT_EQ(qv_default_afd_line(k_hdp), 11u);
+    // SD defaults stay clear of the usual teletext lines of both fields.
+    uint8_t table[qv_line_entries];
+    std::string error;
+    ASSERT_TRUE(qv_parse_line_map("teletext=7-22,320-335", k_sd, table, error));
+    EXPECT_FALSE(qv_line_taken(table, qv_default_caption_line(k_sd)));
+    EXPECT_FALSE(qv_line_taken(table, qv_default_afd_line(k_sd)));
+    EXPECT_NE(qv_default_caption_line(k_sd), qv_default_afd_line(k_sd));
 }
 
 } // namespace

@@ -22,6 +22,8 @@ import qvts  # noqa: E402
 
 SKIP = 77
 LIVE_SECONDS = 6  # enough for the 2 s default pre-roll and a few statistics periods
+CAPTIONED_FRAMES = 100  # 4 s: shorter than the default buffer capacity
+CAPTION_ELEMENTS = ["cccombiner", "x264enc", "h264parse", "avdec_h264"]
 
 
 def examples(readme):
@@ -50,8 +52,10 @@ def examples(readme):
 def board_for(text, capture):
     kind = "single" if "alsa=" in text else "multi"
     m = re.search(r"(?:\bmode=|--mode )(\d+)", text)
+    # The captions example is read back line by line; the others by their checksums.
+    summary = 0 if "captioned.ts" in text else 1
     return (f"[board];kind={kind};video=/dev/video0;mode={m.group(1) if m else 0};pacing=realtime;"
-            f"capture={capture};capture_summary=1")
+            f"capture={capture};capture_summary={summary}")
 
 
 def run_example(kind, text, build_dir, work, n):
@@ -99,6 +103,25 @@ def run_example(kind, text, build_dir, work, n):
         failures.append("no qvjtrenderer-stats message")
     if kind == "launch" and " -m " in text and "alarm-source-name=" in text and "qvjtrenderer-alarm" not in out:
         failures.append("no qvjtrenderer-alarm message")
+    if "captioned.ts" in text:
+        failures += check_captions(frames)
+    return failures
+
+
+def check_captions(frames):
+    """The station file's captions come out whole and in order, both fields."""
+    got, bad = qvts.captions_of_capture(frames)
+    sent = qvts.caption_pairs(CAPTIONED_FRAMES)
+    failures = []
+    if bad:
+        failures.append(f"{bad} malformed cdps")
+    for field in (0, 1):
+        want = [p[field] for p in sent]
+        # Null pairs carry nothing and need not go out.
+        want = [p for p in want if (p[0] & 0x7F, p[1] & 0x7F) != (0, 0)]
+        if got[field] != want[:len(got[field])] or len(got[field]) < len(want) - 8:
+            failures.append(f"field {field + 1}: {len(got[field])} of {len(want)} pairs, or out of order: "
+                            f"{got[field][:8]} ... against {want[:8]} ...")
     return failures
 
 
@@ -113,6 +136,9 @@ def main():
     if not found:
         print("no examples found in the README")
         return 1
+    if any("captioned.ts" in text for _, text in found) and not qvts.have_elements(CAPTION_ELEMENTS):
+        print("the captions example is left out")
+        found = [(k, t) for k, t in found if "captioned.ts" not in t]
     failed = False
     with tempfile.TemporaryDirectory(prefix="qv-readme-") as work:
         if any("programme.ts" in text for _, text in found):
@@ -120,6 +146,8 @@ def main():
             # and 320, one splice at 2 s.
             qvts.build_ts(os.path.join(work, "programme.ts"), 720, 576, 100,
                           lambda f: [(True, 7, 1), (False, 7, 2)], [(1, 2_000_000_000)])
+        if any("captioned.ts" in text for _, text in found):
+            qvts.build_captioned_ts(os.path.join(work, "captioned.ts"), 720, 576, CAPTIONED_FRAMES)
         # The registry is built once, before anything is timed.
         subprocess.run(["gst-inspect-1.0", "qvjtrenderer"], env=qvts.sim_env(args.build_dir, work, ""),
                        capture_output=True, timeout=300)

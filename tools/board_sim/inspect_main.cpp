@@ -1,7 +1,7 @@
 // qvboardsim-inspect: prints a board simulator capture frame by frame
 // (sequence, time code, flags, ANC packets of the VBI/VANC lines with parity
-// and checksum checked, embedded audio peaks, checksums) and writes a chosen
-// frame to PNG.
+// and checksum checked, captions and AFD decoded, embedded audio peaks,
+// checksums) and writes a chosen frame to PNG.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +12,7 @@
 
 #include "anc_decode.h"
 #include "capture_format.h"
+#include "cdp_decode.h"
 #include "png_writer.h"
 
 using namespace qvboardsim;
@@ -22,7 +23,8 @@ void usage()
 {
     std::fprintf(stderr,
                  "usage: qvboardsim-inspect [--anc] [--range A-B] [--png SEQ FILE] CAPTURE\n"
-                 "  --anc          list every ANC packet found in the VBI/VANC lines\n"
+                 "  --anc          list every ANC packet found in the VBI/VANC lines, with\n"
+                 "                 captions (CEA-708 cdp) and AFD/bar data decoded\n"
                  "  --range A-B    print only records whose frame index is in A..B\n"
                  "  --png SEQ FILE write the frame with sequence number SEQ to a PNG file\n"
                  "                 (the two field buffers of an interlaced frame are woven)\n");
@@ -87,6 +89,42 @@ void collect_png(const CaptureHeader& h, const CapturedFrame& f, PngJob& job)
     }
     (bottom ? job.have_bottom : job.have_top) = true;
     job.done = job.have_top && job.have_bottom;
+}
+
+// What a caption or AFD packet says, on the line after the packet's own.
+void print_decoded(const AncPacket& p)
+{
+    if (p.did == 0x61 && p.sdid == 0x01) {
+        const CdpInfo c = decode_cdp(p.udw);
+        if (!c.ok) {
+            std::printf("      cdp BAD (%s)\n", c.error.c_str());
+            return;
+        }
+        unsigned data = 0;
+        for (const auto& t : c.cc)
+            data += (t[0] & 0x04) ? 1 : 0;
+        std::printf("      cdp seq=%u rate=%u cc_count=%u valid=%u", c.sequence, c.rate_code, c.cc_count, data);
+        const std::string f1 = cea608_text(c.cc, 0), f2 = cea608_text(c.cc, 1);
+        if (!f1.empty())
+            std::printf(" cc1=\"%s\"", f1.c_str());
+        if (!f2.empty())
+            std::printf(" field2=\"%s\"", f2.c_str());
+        std::printf("\n");
+    } else if (p.did == 0x41 && p.sdid == 0x05) {
+        const AfdInfo a = decode_afd(p.udw);
+        if (!a.ok) {
+            std::printf("      afd BAD (%zu words)\n", p.udw.size());
+            return;
+        }
+        std::printf("      afd=%u %s", a.afd, a.wide ? "16:9" : "4:3");
+        if (a.bar_flags == 0xC)
+            std::printf(" bars top..%u bottom %u..", a.bar1, a.bar2);
+        else if (a.bar_flags == 0x3)
+            std::printf(" bars left..%u right %u..", a.bar1, a.bar2);
+        else if (a.bar_flags)
+            std::printf(" bar flags 0x%x", a.bar_flags);
+        std::printf("\n");
+    }
 }
 
 } // namespace
@@ -183,6 +221,8 @@ int main(int argc, char** argv)
                             p.line, p.stream == 1 ? "Y" : (p.stream == 2 ? "C" : "YC"), p.did,
                             p.sdid, p.dc, p.parity_ok ? "ok" : "BAD", p.checksum_ok ? "ok" : "BAD",
                             p.truncated ? " TRUNCATED" : "");
+                if (p.checksum_ok && !p.truncated)
+                    print_decoded(p);
             }
         }
     }

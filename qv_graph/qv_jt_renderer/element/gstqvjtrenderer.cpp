@@ -133,8 +133,9 @@ void install_properties(GObjectClass* gobject_class)
     g_object_class_install_property(
         gobject_class, PROP_LINE_MAP,
         g_param_spec_string("line-map", "Ancillary line map",
-                            "VBI/VANC lines of teletext and SCTE-104, e.g. \"teletext=7-20,320-333;scte104=22\"; "
-                            "fills the same table as vbi_lines",
+                            "VBI/VANC lines of teletext and SCTE-104 (the same table as vbi_lines) and the one "
+                            "line of captions and of AFD, e.g. \"teletext=7-20,320-333;scte104=22;cc=5;afd=4\"; "
+                            "captions and AFD default to lines 9 and 11 (HD), 5 and 4 (SD)",
                             "", static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
     g_object_class_install_property(
         gobject_class, PROP_STATS,

@@ -6,9 +6,13 @@
 #include "qv_pads.h"
 #include "qv_renderer.h"
 
+#include "qv_frame_ancillary.h"
+#include "qv_vbi_convert.h"
 #include "qvimage.h"
 #include "qvrational.h"
 #include "qvsize.h"
+
+#include <gst/video/video.h>
 
 #include <cstring>
 #include <memory>
@@ -207,6 +211,52 @@ uint64_t running_time(GstPad* pad, GstClockTime pts)
     return rt == GST_CLOCK_TIME_NONE ? pts : rt;
 }
 
+static_assert(static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA608_RAW) == static_cast<int>(qv_caption_form::cea608_raw) &&
+                  static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA608_S334_1A) ==
+                      static_cast<int>(qv_caption_form::cea608_s334_1a) &&
+                  static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA708_RAW) ==
+                      static_cast<int>(qv_caption_form::cea708_cc_data) &&
+                  static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA708_CDP) == static_cast<int>(qv_caption_form::cea708_cdp),
+              "the caption forms are numbered as GStreamer numbers them");
+
+// What the picture's metadata asks to go out with it: captions (every block,
+// in the order they are attached), AFD and bar data, time code. The AFD
+// packet's aspect flag is the picture's own shape.
+qv_frame_ancillary read_metadata(GstBuffer* buffer, const video_caps& vc)
+{
+    qv_frame_ancillary out;
+    gpointer state = nullptr;
+    while (GstMeta* pMeta = gst_buffer_iterate_meta_filtered(buffer, &state, GST_VIDEO_CAPTION_META_API_TYPE)) {
+        const auto* pCaption = reinterpret_cast<const GstVideoCaptionMeta*>(pMeta);
+        qv_caption_block block;
+        block.eForm = static_cast<qv_caption_form>(pCaption->caption_type);
+        if (pCaption->data && pCaption->size > 0)
+            block.data.assign(pCaption->data, pCaption->data + pCaption->size);
+        out.captions.push_back(std::move(block));
+    }
+    if (const GstVideoAFDMeta* pAfd = gst_buffer_get_video_afd_meta(buffer)) {
+        out.bAfd = true;
+        out.afd.nAfd = static_cast<uint8_t>(pAfd->afd) & 0x0F;
+        out.afd.bWide = static_cast<int64_t>(vc.width) * vc.par_n * 3 > static_cast<int64_t>(vc.height) * vc.par_d * 4;
+        if (const GstVideoBarMeta* pBar = gst_buffer_get_video_bar_meta(buffer)) {
+            out.afd.bBars = true;
+            out.afd.bLetterbox = pBar->is_letterbox != FALSE;
+            out.afd.nBar1 = static_cast<uint16_t>(pBar->bar_data1);
+            out.afd.nBar2 = static_cast<uint16_t>(pBar->bar_data2);
+        }
+    }
+    if (const GstVideoTimeCodeMeta* pTc = gst_buffer_get_video_time_code_meta(buffer)) {
+        if (gst_video_time_code_is_valid(&pTc->tc)) {
+            out.timecode.bValid = true;
+            out.timecode.timecode = convert_gst_timecode_to_v4l2_timecode(pTc->tc);
+            gchar* pText = gst_video_time_code_to_string(&pTc->tc);
+            out.strTimecode = pText ? pText : "";
+            g_free(pText);
+        }
+    }
+    return out;
+}
+
 } // namespace
 
 gboolean gst_pad_video_sink_event(GstPad* pad, GstObject* parent, GstEvent* event)
@@ -271,7 +321,8 @@ GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
             const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
             const GstClockTime dts = GST_BUFFER_DTS(buffer);
             const uint64_t hwTime = GST_BUFFER_FLAG_IS_SET(buffer, QV_BUFFER_FLAG_HWTIME) ? dts : 0;
-            renderer.add_video_frame(pts, ptsEnd, dts, image, hwTime, running_time(pad, pts));
+            qv_frame_ancillary metadata = read_metadata(buffer, vc);
+            renderer.add_video_frame(pts, ptsEnd, dts, image, hwTime, running_time(pad, pts), &metadata);
             return qv_verdict::ok();
         });
 }

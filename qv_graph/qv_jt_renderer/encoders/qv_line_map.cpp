@@ -106,7 +106,47 @@ qv_line_geometry qv_line_geometry_for(int32_t nHeight, float fps, bool isProgres
 bool qv_parse_line_map(const std::string& strText, const qv_line_geometry& g, uint8_t (&entries)[qv_line_entries],
                        std::string& strError)
 {
+    qv_anc_lines lines;
+    return qv_parse_line_map(strText, g, entries, lines, strError);
+}
+
+uint32_t qv_default_caption_line(const qv_line_geometry& g)
+{
+    return g.bHD ? 9 : 5;
+}
+
+uint32_t qv_default_afd_line(const qv_line_geometry& g)
+{
+    return g.bHD ? 11 : 4;
+}
+
+bool qv_line_taken(const uint8_t (&entries)[qv_line_entries], uint32_t nLine)
+{
+    if (nLine == 0)
+        return false;
+    // Teletext entries 32 to 63 fold onto lines 1 to 32; SCTE-104 entry i is line i + 2.
+    if (nLine <= 32 && (entries[nLine - 1] == qv_line_teletext || entries[nLine - 1 + 32] == qv_line_teletext))
+        return true;
+    return nLine >= 2 && nLine - 2 < static_cast<uint32_t>(qv_line_entries) && entries[nLine - 2] == qv_line_scte104;
+}
+
+bool qv_parse_line_map(const std::string& strText, const qv_line_geometry& g, uint8_t (&entries)[qv_line_entries],
+                       qv_anc_lines& lines, std::string& strError)
+{
     uint8_t table[qv_line_entries] = {};
+    qv_anc_lines anc;
+    auto warn = [&](const std::string& strService, uint32_t nLine, const char* pOwner) {
+        anc.warnings.push_back(strService + " line " + std::to_string(nLine) + " is already taken by " + pOwner +
+                               ": the " + strService + " entry for it is not applied");
+    };
+    // Which service of the two outside the table holds the line, if any.
+    auto anc_owner = [&](uint32_t nLine) -> const char* {
+        if (nLine != 0 && nLine == anc.nCaption)
+            return "cc";
+        if (nLine != 0 && nLine == anc.nAfd)
+            return "afd";
+        return nullptr;
+    };
     for (const std::string& clause : split(strText, ';')) {
         if (clause.empty())
             continue;
@@ -121,8 +161,27 @@ bool qv_parse_line_map(const std::string& strText, const qv_line_geometry& g, ui
             kind = qv_line_teletext;
         else if (service == "scte104")
             kind = qv_line_scte104;
-        else {
-            strError = "unknown service \"" + service + "\" (teletext or scte104)";
+        else if (service == "cc" || service == "afd") {
+            uint32_t n = 0;
+            const std::string value = trim(clause.substr(eq + 1));
+            if (!parse_number(value, n) || n == 0 || n > qv_anc_max_line) {
+                strError = service + " line \"" + value + "\" is not one of its lines (1-" +
+                           std::to_string(qv_anc_max_line) + " of the first field)";
+                return false;
+            }
+            uint32_t& mine = service == "cc" ? anc.nCaption : anc.nAfd;
+            const char* pOther = anc_owner(n);
+            if (qv_line_taken(table, n))
+                warn(service, n, table[n - 1] == qv_line_teletext || table[n - 1 + 32] == qv_line_teletext
+                                     ? "teletext"
+                                     : "SCTE-104");
+            else if (pOther && service != pOther)
+                warn(service, n, pOther);
+            else
+                mine = n;
+            continue;
+        } else {
+            strError = "unknown service \"" + service + "\" (teletext, scte104, cc or afd)";
             return false;
         }
         for (const std::string& item : split(clause.substr(eq + 1), ',')) {
@@ -144,12 +203,20 @@ bool qv_parse_line_map(const std::string& strText, const qv_line_geometry& g, ui
                         strError = line_error("teletext", line, g);
                         return false;
                     }
+                    if (const char* pOwner = anc_owner(l)) {
+                        warn("teletext", line, pOwner);
+                        continue;
+                    }
                     table[l - 1] = qv_line_teletext;
                 } else {
                     const uint32_t l = field_line(line, g, qv_line_entries + 1, false);
                     if (l < 2) {
                         strError = line_error("scte104", line, g);
                         return false;
+                    }
+                    if (const char* pOwner = anc_owner(l)) {
+                        warn("scte104", line, pOwner);
+                        continue;
                     }
                     // The SCTE-104 writer puts entry i on line i + 2; the
                     // teletext line sharing that entry, and the one the
@@ -162,6 +229,7 @@ bool qv_parse_line_map(const std::string& strText, const qv_line_geometry& g, ui
         }
     }
     std::memcpy(entries, table, sizeof table);
+    lines = std::move(anc);
     return true;
 }
 
@@ -195,5 +263,16 @@ std::string qv_format_line_map(const uint8_t (&entries)[qv_line_entries], const 
         out += out.empty() ? "scte104=" : ";scte104=";
         append_ranges(out, scte);
     }
+    return out;
+}
+
+std::string qv_format_line_map(const uint8_t (&entries)[qv_line_entries], const qv_anc_lines& lines,
+                               const qv_line_geometry& g)
+{
+    std::string out = qv_format_line_map(entries, g);
+    if (lines.nCaption)
+        out += (out.empty() ? "cc=" : ";cc=") + std::to_string(lines.nCaption);
+    if (lines.nAfd)
+        out += (out.empty() ? "afd=" : ";afd=") + std::to_string(lines.nAfd);
     return out;
 }

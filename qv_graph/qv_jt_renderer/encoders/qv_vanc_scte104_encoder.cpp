@@ -1,5 +1,6 @@
 #include "qv_vanc_scte104_encoder.h"
 
+#include "qv_anc_packet.h"
 #include "qv_vbi_convert.h"
 
 #include <glib.h>
@@ -54,34 +55,20 @@ std::vector<qv_vanc_scte104_encoder::packet> qv_vanc_scte104_encoder::encoder(co
     size_t R = C;
     size_t left = nSize;
     const uint8_t* src = pMessage;
-    const size_t step = m_isSD ? 1 : 2;
-    const size_t first = m_isSD ? 0 : 1;
     for (size_t i = 0; i < m_vLine.size() && left > 0 && R > 0; ++i) {
         uint8_t* line = m_vLine[i].get();
-        fill(line, m_vbiDX * 2);
         const size_t n = std::min({chunkMax, left, R});
         const size_t nextR = n < R ? R - n : 0;
         const bool more = left > n && nextR > 0 && i + 1 < m_vLine.size();
-        uint8_t desc = kDescVersion;
+        // User data: the payload descriptor, then this packet's part of the message.
+        uint8_t udw[kMaxPayload + 1];
+        udw[0] = kDescVersion;
         if (more)
-            desc |= kDescFollow;
+            udw[0] |= kDescFollow;
         if (i > 0)
-            desc |= kDescContinued;
-
-        size_t k = 0;
-        auto put = [&](uint8_t v) { line[first + step * k++] = v; };
-        put(0x00);
-        put(0xFF);
-        put(0xFF);
-        put(kDID);
-        put(kSDID);
-        put(static_cast<uint8_t>(n + 1));
-        put(desc);
-        for (size_t b = 0; b < n; ++b)
-            put(src[b]);
-        put(0x00); // checksum, computed by the 10-bit conversion
-
-        result.emplace_back(line, n + kPacketOverhead);
+            udw[0] |= kDescContinued;
+        std::copy(src, src + n, udw + 1);
+        result.emplace_back(line, qv_put_anc_packet(line, m_vbiDX * 2, m_isSD, kDID, kSDID, udw, n + 1));
         src += n;
         left -= n;
         R = nextR;

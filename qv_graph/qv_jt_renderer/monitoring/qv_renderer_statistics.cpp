@@ -26,6 +26,7 @@ void qv_renderer_statistics::reset()
     zero(m_teletext);
     zero(m_scte35);
     zero(m_vbi);
+    m_captions = qv_caption_statistics{};
 }
 
 std::shared_ptr<qv_audio_statistics> qv_renderer_statistics::create_audio_statistics()
@@ -126,5 +127,12 @@ qv_base_statistics::items qv_renderer_statistics::get_items()
     add("VBI fifo fullness", num(m_vbi.nFifoFullness));
     add("VBI skipped frame", num(m_vbi.nSkippedSample));
     add("VBI last error", m_vbi.strLastError);
+
+    add("Caption frames", num(m_captions.nCaptionFrames));
+    add("Caption triplets sent", num(m_captions.nTripletsSent));
+    add("Caption triplets queued", num(m_captions.nTripletsQueued));
+    add("Caption triplets dropped", num(m_captions.nTripletsDropped));
+    add("Caption blocks refused", num(m_captions.nBadBlocks));
+    add("AFD frames", num(m_captions.nAfdFrames));
     return out;
 }

@@ -39,6 +39,16 @@ struct qv_template_statistics {
     std::string strTimecode; // text of the last time code received
 };
 
+// Captions and AFD taken from the pictures' metadata (render thread).
+struct qv_caption_statistics {
+    uint64_t nCaptionFrames = 0;   // frames whose cdp carried caption data
+    uint64_t nTripletsSent = 0;    // cc_data triplets of caption data sent (padding not counted)
+    uint64_t nTripletsQueued = 0;  // waiting for the next frames
+    uint64_t nTripletsDropped = 0; // lost to a full queue
+    uint64_t nBadBlocks = 0;       // caption metadata refused as malformed
+    uint64_t nAfdFrames = 0;       // frames that carried an AFD packet
+};
+
 class qv_renderer_statistics : public qv_base_statistics {
 public:
     // Guards the whole record. Writers that update single fields from the
@@ -58,6 +68,7 @@ public:
     qv_template_statistics m_teletext;
     qv_template_statistics m_scte35; // SCTE-104 FIFO: SCTE-104 input and converted SCTE-35
     qv_template_statistics m_vbi;
+    qv_caption_statistics m_captions;
 
     ~qv_renderer_statistics() override = default;
 

@@ -83,6 +83,7 @@ void qv_renderer::set_property(guint id, const GValue* value, GParamSpec* pspec)
         if (const void* p = g_value_get_pointer(value)) {
             std::memcpy(m_nVBILines, p, sizeof m_nVBILines);
             m_strLineMap.clear();
+            m_ancLines = qv_anc_lines{}; // captions and AFD back on their default lines
         }
         break;
     case PROP_NUMBER_OF_AUDIO_LINES:
@@ -409,6 +410,12 @@ bool qv_renderer::open_checked(std::string& strError)
     const qv_v4l2_video_format& row = qv_board_format(static_cast<qv_v4l2_enum_sdi_mode>(m_cfg.nMode));
     m_teletext_encoder.init(m_nTeletextMask, row.isProgressive, row.isHD, row.width);
     m_scte104_encoder.init(!row.isHD, m_linesSCTE104.size(), static_cast<size_t>(row.width));
+    m_bAncSD = !row.isHD;
+    m_ancLine.assign(static_cast<size_t>(row.width) * 2, 0);
+    m_cc_queue.init(fps);
+    m_ccReported = qv_cc_counters{};
+    m_ancillary.clear();
+    resolve_anc_lines();
     return true;
 }
 
@@ -462,6 +469,48 @@ void qv_renderer::report_lines_outside_area()
     };
     report("teletext", strTeletext);
     report("SCTE-104", strScte104);
+}
+
+// The caption and AFD lines of the open board: the map's, else the raster's
+// defaults. A line the table gives to teletext or SCTE-104 stays theirs: a
+// line named in the map then carries nothing more, a default one moves to the
+// next free line.
+void qv_renderer::resolve_anc_lines()
+{
+    const qv_v4l2_video_format& row = qv_board_format(static_cast<qv_v4l2_enum_sdi_mode>(m_cfg.nMode));
+    const qv_line_geometry g = qv_line_geometry_for(row.height, row.fps, row.isProgressive);
+    size_t nLines = qv_anc_max_line;
+    if (m_mpln_device.is_open())
+        nLines = m_mpln_device.get_vbi_lines(0);
+    else if (m_video_device.is_vbi_open())
+        nLines = m_video_device.get_vbi_format().count[0];
+    uint32_t nTaken = 0; // the line the first service got, so that the second does not take it too
+    const auto resolve = [&](const char* pService, uint32_t nNamed, uint32_t nDefault) -> uint32_t {
+        uint32_t nLine = nNamed ? nNamed : nDefault;
+        if (qv_line_taken(m_nVBILines, nLine) || nLine == nTaken) {
+            if (nNamed) {
+                warn_configuration(std::string(pService) + " line " + std::to_string(nLine) +
+                                   " is also a teletext or SCTE-104 line: no " + pService + " packets are written");
+                return k_no_row;
+            }
+            while (nLine <= qv_anc_max_line && (qv_line_taken(m_nVBILines, nLine) || nLine == nTaken))
+                ++nLine;
+            warn_configuration(std::string("the default ") + pService + " line " + std::to_string(nDefault) +
+                               " is a teletext or SCTE-104 line: " + pService + " packets go on line " +
+                               std::to_string(nLine));
+        }
+        if (nLine > nLines) {
+            if (m_mpln_device.is_open() || m_video_device.is_vbi_open())
+                warn_configuration(std::string(pService) + " line " + std::to_string(nLine) + " is outside the " +
+                                   std::to_string(nLines) + " VBI/VANC lines of mode " +
+                                   std::to_string(m_cfg.nMode) + ": nothing is written there");
+            return k_no_row;
+        }
+        nTaken = nLine;
+        return nLine - 1;
+    };
+    m_nCaptionRow = resolve("caption", m_ancLines.nCaption, qv_default_caption_line(g));
+    m_nAfdRow = resolve("AFD", m_ancLines.nAfd, qv_default_afd_line(g));
 }
 
 // A board that does not run the mode's timing still plays, in the timing it
@@ -544,6 +593,9 @@ bool qv_renderer::reset()
     close_devices();
     m_fifo.reset();
     m_time_starter.reset();
+    // Pictures are numbered afresh: what waited for the old numbers would wait for ever.
+    m_ancillary.clear();
+    m_cc_queue.clear();
     std::string strError;
     const bool bOk = open_devices(strError);
     if (!bOk)

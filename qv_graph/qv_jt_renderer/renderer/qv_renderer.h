@@ -5,7 +5,10 @@
 
 #include "qv_alarms_dispatcher.h"
 #include "qv_alsa_output_device.h"
+#include "qv_cc_queue.h"
 #include "qv_fifo_engine.h"
+#include "qv_frame_ancillary.h"
+#include "qv_line_map.h"
 #include "qv_mpln_output_device.h"
 #include "qv_pads.h"
 #include "qv_renderer_statistics.h"
@@ -81,8 +84,10 @@ public:
     // Called from the pads' streaming threads.
     bool set_video_cap(GstCaps* pCaps);
     // runningTime (ns): the picture's running time, used for SCTE when there is no DTS.
+    // pAncillary: what the picture's metadata asks to go out with it; taken over.
     int add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts, const QVSDK::QVImage& image,
-                        uint64_t hwTime, uint64_t runningTime = ~uint64_t(0));
+                        uint64_t hwTime, uint64_t runningTime = ~uint64_t(0),
+                        qv_frame_ancillary* pAncillary = nullptr);
     int add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts,
                         const QVSDK::QVSound& sound);
     int add_teletext_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize);
@@ -113,6 +118,8 @@ protected:
     void write_teletext_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi);
     void write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi);
     static void write_vbi_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi);
+    // The frame's cdp (once captions have been seen) and AFD packet.
+    void write_metadata_to_vbi(const qv_frame_ancillary& current, qv_vbi_data& vbi);
 
 private:
     GstPad* make_pad(int nTemplate, const char* pName);
@@ -140,6 +147,9 @@ private:
     bool open_checked(std::string& strError);
     void report_timing();
     void report_lines_outside_area();
+    void resolve_anc_lines(); // caption and AFD rows for the open board, clashes reported
+    void take_metadata(loop_state& L); // render thread: the shown picture's metadata
+    const qv_timecode* frame_timecode(loop_state& L); // null when the frame has none
     size_t fifo_depth(float fps);
     void warn_configuration(const std::string& strText); // console and bus
     void apply_line_map(); // the "line-map" text, again for the mode in force
@@ -178,6 +188,18 @@ private:
     uint32_t m_nTeletextMask = 0;
     qv_vanc_scte104_encoder m_scte104_encoder;
     qv_vanc_teletext_encoder m_teletext_encoder;
+    // Captions and AFD from the pictures' metadata. The lines come from the
+    // line map; the rows, the queue and the scratch line are set at open and
+    // then used by the render thread alone.
+    qv_anc_lines m_ancLines;
+    static constexpr uint32_t k_no_row = ~uint32_t(0);
+    uint32_t m_nCaptionRow = k_no_row;
+    uint32_t m_nAfdRow = k_no_row;
+    bool m_bAncSD = true;
+    std::vector<uint8_t> m_ancLine; // 8-bit line a packet is laid into
+    qv_cc_queue m_cc_queue;
+    qv_cc_counters m_ccReported; // the queue's counters last added to the statistics
+    qv_frame_ancillary_queue m_ancillary; // pad thread to render thread, locks for itself
     qv_video_pad m_video_pad;
     std::list<std::shared_ptr<_qv_audio_pad>> m_list_audio_pad; // creation order; changed on the application thread
     qv_teletext_pad m_teletext_pad;

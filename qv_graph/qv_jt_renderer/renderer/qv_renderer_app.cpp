@@ -25,7 +25,7 @@ bool qv_renderer::set_app_property(guint id, const GValue* value)
         const gchar* p = g_value_get_string(value);
         const std::string text = p ? p : "";
         std::string error;
-        if (!qv_parse_line_map(text, geometry_of_mode(m_nMode), m_nVBILines, error)) {
+        if (!qv_parse_line_map(text, geometry_of_mode(m_nMode), m_nVBILines, m_ancLines, error)) {
             // The table is left as it was; the application hears why on the
             // console and, once the element is in a pipeline, on the bus.
             g_printerr("qvjtrenderer: line-map \"%s\" not applied: %s\n", text.c_str(), error.c_str());
@@ -34,6 +34,8 @@ bool qv_renderer::set_app_property(guint id, const GValue* value)
             return true;
         }
         m_strLineMap = text;
+        for (const std::string& w : m_ancLines.warnings)
+            warn_configuration("line-map \"" + text + "\": " + w);
         return true;
     }
     case PROP_STATS_INTERVAL:
@@ -48,7 +50,8 @@ bool qv_renderer::get_app_property(guint id, GValue* value)
 {
     switch (id) {
     case PROP_LINE_MAP:
-        g_value_take_string(value, g_strdup(qv_format_line_map(m_nVBILines, geometry_of_mode(m_nMode)).c_str()));
+        g_value_take_string(
+            value, g_strdup(qv_format_line_map(m_nVBILines, m_ancLines, geometry_of_mode(m_nMode)).c_str()));
         return true;
     case PROP_STATS:
         g_value_take_boxed(value, qv_stats_reporter::snapshot(m_statistics));
@@ -68,7 +71,13 @@ void qv_renderer::apply_line_map()
     if (m_strLineMap.empty())
         return;
     std::string error;
-    if (!qv_parse_line_map(m_strLineMap, geometry_of_mode(m_nMode), m_nVBILines, error))
+    qv_anc_lines lines;
+    if (qv_parse_line_map(m_strLineMap, geometry_of_mode(m_nMode), m_nVBILines, lines, error)) {
+        // The clashes were reported when the map was set.
+        m_ancLines.nCaption = lines.nCaption;
+        m_ancLines.nAfd = lines.nAfd;
+    } else {
         g_printerr("qvjtrenderer: line-map \"%s\" does not fit mode %u, the previous lines stay: %s\n",
-                  m_strLineMap.c_str(), m_nMode, error.c_str());
+                   m_strLineMap.c_str(), m_nMode, error.c_str());
+    }
 }

@@ -48,7 +48,7 @@ bool qv_renderer::set_video_cap(GstCaps* pCaps)
 }
 
 int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dts, const QVSDK::QVImage& image,
-                                 uint64_t hwTime, uint64_t runningTime)
+                                 uint64_t hwTime, uint64_t runningTime, qv_frame_ancillary* pAncillary)
 {
     uint64_t start = 0, stop = 0, deviceTime = 0;
     {
@@ -63,8 +63,20 @@ int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dt
     }
     // The FIFO locks for itself; the picture's copy must not hold up the
     // audio pads waiting for this lock.
-    return m_fifo.add_video_frame(start, stop, dts, deviceTime, image, static_cast<unsigned long>(hwTime),
-                                  runningTime);
+    const int ret = m_fifo.add_video_frame(start, stop, dts, deviceTime, image, static_cast<unsigned long>(hwTime),
+                                           runningTime);
+    if (pAncillary) {
+        // Only this thread numbers pictures: the FIFO's last number is this
+        // picture's (or, for one it dropped, its predecessor's, whose record
+        // then carries the captions on all the same).
+        int64_t nIndex;
+        {
+            std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
+            nIndex = m_fifo.m_video_fifo.m_nLastFrameNumber;
+        }
+        m_ancillary.push(nIndex, std::move(*pAncillary));
+    }
+    return ret;
 }
 
 int qv_renderer::add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEnd, uint64_t,

@@ -78,6 +78,8 @@ struct qv_renderer::loop_state {
     std::vector<uint8_t> teletext, scte104, vbiBytes;
     qv_timecode timecode;
     qv_vbi_data vbi;
+    qv_frame_ancillary metadata; // of the picture shown, kept while it repeats
+    bool bBadCaptions = false;   // in a run of malformed caption metadata (reported once)
 
     bool bStarted = false;    // pre-roll over, start index known
     uint32_t nStartIndex = 0; // output frame index of the first frame after pre-roll
@@ -164,6 +166,7 @@ void qv_renderer::restart_playout(loop_state& L, const char* pReason, bool bDevi
     L.nQueued = 0;
     L.bFailing = false;
     L.bDraining = false;
+    L.metadata = qv_frame_ancillary{};
 
     const auto now = steady::now();
     if (bDeviceFault && now - L.tLastOpen < k_reopen_interval) {
@@ -198,6 +201,7 @@ void qv_renderer::try_recover(loop_state& L)
         close_devices();
         // What came in while there was no device would only delay the return.
         m_fifo.reset();
+        m_ancillary.clear();
         m_time_starter.reset();
         if (!open_devices(strError)) {
             if (strError != L.strLastError)
@@ -284,13 +288,50 @@ int qv_renderer::fetch_frame(loop_state& L, uint32_t nIndex)
     return m_fifo.map_next_data(nIndex, L.image, L.sound, L.teletext, L.scte104);
 }
 
+void qv_renderer::take_metadata(loop_state& L)
+{
+    int64_t nShown;
+    {
+        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
+        const auto& pItem = m_fifo.m_video_fifo.m_pItem;
+        if (!pItem)
+            return;
+        nShown = pItem->index;
+    }
+    std::string strWhy;
+    const auto taken = m_ancillary.take(nShown, m_cc_queue, L.metadata, strWhy);
+    if (taken.nBad > 0 && !L.bBadCaptions) {
+        g_print("qv_jt_renderer: caption metadata dropped (%s); the pictures go on, further malformed captions "
+                "are dropped silently until good ones come\n",
+                strWhy.c_str());
+        GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), STREAM, FORMAT,
+                            ("sink_video: caption metadata dropped, %s; play-out goes on", strWhy.c_str()),
+                            (nullptr));
+    }
+    if (taken.nBad > 0)
+        L.bBadCaptions = true;
+    else if (taken.nBlocks > 0)
+        L.bBadCaptions = false;
+}
+
+// The time code of the frame: the VBI pad's, else the picture's own.
+const qv_timecode* qv_renderer::frame_timecode(loop_state& L)
+{
+    if (m_cfg.bUseVBI && L.timecode.bValid)
+        return &L.timecode;
+    if (!L.metadata.timecode.bValid)
+        return nullptr;
+    std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+    m_statistics.m_vbi.strTimecode = L.metadata.strTimecode;
+    return &L.metadata.timecode;
+}
+
 bool qv_renderer::output_frame(loop_state& L)
 {
+    const qv_timecode* pTimecode = frame_timecode(L);
     if (L.bComplex) {
         if (m_cfg.bUseVBI) {
             m_mpln_device.push_vbi(L.vbiBytes.data(), L.vbiBytes.size());
-            if (L.timecode.bValid)
-                m_mpln_device.set_timecode(L.timecode);
         } else {
             clear_vbi_area(L.vbi);
             m_mpln_device.init_vbi(L.vbi);
@@ -298,8 +339,12 @@ bool qv_renderer::output_frame(loop_state& L)
                 write_teletext_to_vbi(L.teletext, L.vbi);
             if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
                 write_scte104_to_vbi(L.scte104, L.vbi);
+            if (L.vbi.m_bValid)
+                write_metadata_to_vbi(L.metadata, L.vbi);
             m_mpln_device.finish_vbi(L.vbi);
         }
+        if (pTimecode)
+            m_mpln_device.set_timecode(*pTimecode);
         m_mpln_device.push_audio(L.sound);
         m_mpln_device.push_image(L.image);
         return m_mpln_device.send_data();
@@ -318,11 +363,13 @@ bool qv_renderer::output_frame(loop_state& L)
                 write_teletext_to_vbi(L.teletext, L.vbi);
             if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
                 write_scte104_to_vbi(L.scte104, L.vbi);
+            if (L.vbi.m_bValid)
+                write_metadata_to_vbi(L.metadata, L.vbi);
         }
         m_video_device.unmap_vbi();
     }
-    if (m_cfg.bUseVBI && L.timecode.bValid)
-        m_video_device.set_timecode(L.timecode);
+    if (pTimecode)
+        m_video_device.set_timecode(*pTimecode);
     return m_video_device.unmap_image();
 }
 
@@ -367,6 +414,7 @@ void qv_renderer::finish_eos(loop_state& L)
     L.bStarted = false;
     L.bSeqBase = false;
     L.nQueued = 0;
+    L.metadata = qv_frame_ancillary{};
     L.tLastOpen = steady::now();
     if (!reset())
         enter_down(L, "it could not be reopened");
@@ -417,6 +465,7 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
             m_state = qv_stop_state;
             L.bStarted = false;
             L.nQueued = 0;
+            L.metadata = qv_frame_ancillary{};
             if (!reset())
                 enter_down(L, "it could not be reopened");
             continue;
@@ -470,6 +519,7 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
             restart_playout(L, "a FIFO underflow", false);
             continue;
         }
+        take_metadata(L);
         if (!output_frame(L)) {
             if (dev.needs_restart())
                 restart_playout(L, "an output device failure", true);

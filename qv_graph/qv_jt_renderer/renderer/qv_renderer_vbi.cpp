@@ -1,6 +1,8 @@
-// Writing a frame's ancillary data into its VBI/VANC lines: teletext, SCTE-104
-// and raw VBI.
+// Writing a frame's ancillary data into its VBI/VANC lines: teletext, SCTE-104,
+// raw VBI, and the captions and AFD of the pictures' metadata.
 #include "qv_renderer.h"
+
+#include "qv_anc_packet.h"
 
 #include <algorithm>
 #include <cstring>
@@ -60,6 +62,52 @@ void qv_renderer::write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_
             m_scte104_encoder.report_line_outside(n, vbi.m_nLines[0]);
         }
         m_scte104_encoder.convert(packets[k], pTarget, nRow);
+    }
+}
+
+void qv_renderer::write_metadata_to_vbi(const qv_frame_ancillary& current, qv_vbi_data& vbi)
+{
+    const auto write = [&](uint32_t nRow, uint8_t nDID, uint8_t nSDID, const uint8_t* pUDW, size_t nUDW) {
+        size_t nOffset = 0;
+        if (nRow == k_no_row || nRow >= vbi.m_nLines[0] || !row_offset(vbi, nRow, nOffset))
+            return false;
+        const size_t nPixels = std::min(m_ancLine.size() / 2, vbi.m_nStride / 4);
+        if (!qv_put_anc_packet(m_ancLine.data(), nPixels * 2, m_bAncSD, nDID, nSDID, pUDW, nUDW))
+            return false;
+        vbi.m_bUsed[0][nRow] = true;
+        qv_convert_anc_line(m_ancLine.data(), m_bAncSD,
+                            reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(vbi.m_pData) + nOffset), nPixels);
+        return true;
+    };
+    // Once captions have come, every frame carries a cdp, padding when the
+    // queue is empty, so that decoders see a regular sequence.
+    const qv_cc_counters& c = m_cc_queue.counters();
+    if (c.nTripletsQueued + c.nTripletsSent + c.nTripletsDropped > 0) {
+        uint8_t cdp[QV_CDP_MAX_SIZE];
+        const size_t n = m_cc_queue.next_cdp(cdp, sizeof cdp);
+        if (n > 0)
+            write(m_nCaptionRow, 0x61, 0x01, cdp, n);
+    }
+    // The statistics are zeroed when play-out starts, the queue's counters
+    // are not: what changed since the last frame is added.
+    const qv_cc_counters& last = m_ccReported;
+    {
+        std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+        qv_caption_statistics& st = m_statistics.m_captions;
+        st.nCaptionFrames += c.nFramesWithCaptions - last.nFramesWithCaptions;
+        st.nTripletsSent += c.nTripletsSent - last.nTripletsSent;
+        st.nTripletsDropped += c.nTripletsDropped - last.nTripletsDropped;
+        st.nBadBlocks += c.nBadInputs - last.nBadInputs;
+        st.nTripletsQueued = c.nTripletsQueued;
+    }
+    m_ccReported = c;
+    if (current.bAfd) {
+        uint8_t udw[QV_AFD_UDW];
+        qv_afd_bar_write(current.afd, udw);
+        if (write(m_nAfdRow, QV_AFD_DID, QV_AFD_SDID, udw, QV_AFD_UDW)) {
+            std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+            ++m_statistics.m_captions.nAfdFrames;
+        }
     }
 }
 

@@ -118,6 +118,11 @@ GstStructure* qv_stats_reporter::snapshot(qv_renderer_statistics& st)
     set_stream(s, "teletext", st.m_teletext);
     set_stream(s, "scte", st.m_scte35);
     set_stream(s, "vbi", st.m_vbi);
+    const qv_caption_statistics& c = st.m_captions;
+    gst_structure_set(s, "caption-frames", G_TYPE_UINT64, c.nCaptionFrames, "caption-triplets-sent", G_TYPE_UINT64,
+                      c.nTripletsSent, "caption-triplets-queued", G_TYPE_UINT64, c.nTripletsQueued,
+                      "caption-triplets-dropped", G_TYPE_UINT64, c.nTripletsDropped, "caption-blocks-refused",
+                      G_TYPE_UINT64, c.nBadBlocks, "afd-frames", G_TYPE_UINT64, c.nAfdFrames, nullptr);
     return s;
 }
 
