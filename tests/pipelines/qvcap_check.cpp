@@ -42,7 +42,8 @@ std::string text_of(const uint8_t* data)
     return s;
 }
 
-// SD single-plane capture: field 1's VBI lines then field 2's, from line 1 of each.
+// SD capture: a single-plane frame holds field 1's VBI lines then field 2's,
+// a multi-plane record one field's, each from line 1 of its field.
 void decode_teletext(const qvboardsim::CapturedFrame& f, vbi_raw_decoder& rd, std::string& out)
 {
     const uint32_t nWidth = f.vbi_samples / 2;
@@ -88,8 +89,7 @@ int main(int argc, char** argv)
     rd.offset = 128;
     rd.interlaced = FALSE;
     rd.synchronous = TRUE;
-    const bool bTeletext = bSingle && !bHD && h.height == 576;
-
+    const bool bTeletext = !bHD && h.height == 576;
     uint64_t nTotal = 0;
     uint64_t nRun = 0;
     uint64_t nLongest = 0;
@@ -98,7 +98,27 @@ int main(int argc, char** argv)
     while (reader.next(f)) {
         std::string line = "frame index=" + std::to_string(f.index) + " seq=" + std::to_string(f.sequence) +
                            " luma=" + std::to_string(mean_luma(f)) + " samples=" + std::to_string(f.audio_samples);
-        if (bTeletext && !f.vbi.empty()) {
+        if (bTeletext && !bSingle && !f.vbi.empty()) {
+            // A multi-plane record is one field: laid out as a frame with the
+            // other field's lines blank, field 1 from line 1, field 2 from its
+            // half line (313).
+            constexpr uint32_t kFieldLines = 24;
+            if (rd.bytes_per_line == 0) {
+                rd.bytes_per_line = static_cast<int>(f.vbi_samples / 2);
+                rd.start[0] = 1;
+                rd.count[0] = kFieldLines;
+                rd.start[1] = 313;
+                rd.count[1] = kFieldLines;
+                vbi_raw_decoder_add_services(&rd, VBI_SLICED_TELETEXT_B, 0);
+            }
+            qvboardsim::CapturedFrame frame = f;
+            frame.vbi_lines = 2 * kFieldLines;
+            frame.vbi.assign(static_cast<size_t>(frame.vbi_lines) * f.vbi_samples, 0);
+            const size_t at = f.field == 3 ? kFieldLines : 0; // V4L2_FIELD_BOTTOM: the second field
+            std::copy(f.vbi.begin(), f.vbi.begin() + static_cast<std::ptrdiff_t>(std::min(f.vbi_lines, kFieldLines) * f.vbi_samples),
+                      frame.vbi.begin() + static_cast<std::ptrdiff_t>(at * f.vbi_samples));
+            decode_teletext(frame, rd, line);
+        } else if (bTeletext && !f.vbi.empty()) {
             if (rd.bytes_per_line == 0) {
                 rd.bytes_per_line = static_cast<int>(f.vbi_samples / 2);
                 rd.start[0] = 1;

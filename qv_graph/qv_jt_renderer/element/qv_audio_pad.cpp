@@ -72,7 +72,9 @@ GstFlowReturn gst_pad_audio_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
         if (!qv_pad_guard::of(pad).stamp(pad, parent, pts, span, length))
             return qv_verdict::unusable("it has no time stamp and no buffer before it had one");
         const GstClockTime duration = GST_BUFFER_DURATION(buffer);
-        const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
+        GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
+        if (!qv_place(pad, renderer, pts, ptsEnd))
+            return qv_verdict::ok();
         renderer.add_audio_frame(pad, pts, ptsEnd, GST_BUFFER_DTS(buffer), sound);
         return qv_verdict::ok();
     });

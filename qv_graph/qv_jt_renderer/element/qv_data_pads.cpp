@@ -95,8 +95,11 @@ void gst_pad_ignore_unlink(GstPad*, GstObject*) {}
 
 GstFlowReturn gst_pad_teletext_chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
 {
-    return qv_chain(pad, parent, buffer, nullptr, qv_no_check, [buffer](qv_renderer& r, const qv_buffer_map& m) {
-        r.add_teletext_frame(GST_BUFFER_PTS(buffer), qv_buffer_end(buffer), m.data(), m.size());
+    return qv_chain(pad, parent, buffer, nullptr, qv_no_check, [pad, buffer](qv_renderer& r, const qv_buffer_map& m) {
+        GstClockTime pts = GST_BUFFER_PTS(buffer);
+        GstClockTime end = qv_buffer_end(buffer);
+        if (qv_place(pad, r, pts, end))
+            r.add_teletext_frame(pts, end, m.data(), m.size());
         return qv_verdict::ok();
     });
 }
@@ -121,10 +124,12 @@ GstFlowReturn gst_pad_vbi_chain(GstPad* pad, GstObject* parent, GstBuffer* buffe
 {
     return qv_chain(pad, parent, buffer, "qv_jt_renderer: if (FALSE == gst_buffer_map(pBuf.get(), &map_mam, "
                                     "GST_MAP_READ))\n",
-                    qv_no_check, [buffer](qv_renderer& r, const qv_buffer_map& m) {
+                    qv_no_check, [pad, buffer](qv_renderer& r, const qv_buffer_map& m) {
                         GstVideoTimeCodeMeta* pMeta = gst_buffer_get_video_time_code_meta(buffer);
-                        r.add_vbi_frame(GST_BUFFER_PTS(buffer), qv_buffer_end(buffer), m.data(), m.size(),
-                                        pMeta ? &pMeta->tc : nullptr);
+                        GstClockTime pts = GST_BUFFER_PTS(buffer);
+                        GstClockTime end = qv_buffer_end(buffer);
+                        if (qv_place(pad, r, pts, end))
+                            r.add_vbi_frame(pts, end, m.data(), m.size(), pMeta ? &pMeta->tc : nullptr);
                         return qv_verdict::ok();
                     });
 }

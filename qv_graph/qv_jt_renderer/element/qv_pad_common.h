@@ -106,6 +106,12 @@ inline qv_verdict qv_no_check()
 // and has been taken. The element queues each such event once.
 bool qv_take_scte35_event(qv_renderer* pRenderer, GstEvent* event);
 
+// Puts [pts, end) on the programme's time line (the pad's running time) and,
+// when upstream is not live, waits until play-out needs it, so that a file is
+// read at the board's pace. False when the buffer lies outside its segment
+// (clipped away: it is dropped without a word, as every sink drops those).
+bool qv_place(GstPad* pad, qv_renderer& renderer, GstClockTime& pts, GstClockTime& end);
+
 // PTS + duration, the duration of a buffer without one counting as 0.
 inline GstClockTime qv_buffer_end(GstBuffer* buffer)
 {

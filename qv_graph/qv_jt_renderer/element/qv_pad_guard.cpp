@@ -25,7 +25,17 @@ void qv_pad_guard::on_event(GstEvent* event)
 {
     switch (GST_EVENT_TYPE(event)) {
     case GST_EVENT_STREAM_START:
+        m_nLive = -1;
+        m_bHadData = false;
+        m_nNextPts = GST_CLOCK_TIME_NONE;
+        m_bRestampReported = false;
+        break;
     case GST_EVENT_SEGMENT:
+        gst_event_copy_segment(event, &m_segment);
+        m_bTimeSegment = m_segment.format == GST_FORMAT_TIME;
+        m_nNextPts = GST_CLOCK_TIME_NONE;
+        m_bRestampReported = false;
+        break;
     case GST_EVENT_FLUSH_STOP:
         m_nNextPts = GST_CLOCK_TIME_NONE;
         m_bRestampReported = false;
@@ -75,4 +85,33 @@ bool qv_pad_guard::first_for_caps()
     const bool bFirst = !m_bCapsReported;
     m_bCapsReported = true;
     return bFirst;
+}
+
+bool qv_pad_guard::to_running_time(GstClockTime& pts, GstClockTime& end) const
+{
+    if (!m_bTimeSegment || pts == GST_CLOCK_TIME_NONE)
+        return true;
+    const GstClockTime rt = gst_segment_to_running_time(&m_segment, GST_FORMAT_TIME, pts);
+    if (rt == GST_CLOCK_TIME_NONE)
+        return false;
+    if (end != GST_CLOCK_TIME_NONE) {
+        // An end past the segment's stop keeps the buffer's own length.
+        const GstClockTime rtEnd = gst_segment_to_running_time(&m_segment, GST_FORMAT_TIME, end);
+        end = rtEnd != GST_CLOCK_TIME_NONE && rtEnd >= rt ? rtEnd : rt + (end > pts ? end - pts : 0);
+    }
+    pts = rt;
+    return true;
+}
+
+bool qv_pad_guard::upstream_live(GstPad* pad)
+{
+    if (m_nLive < 0) {
+        GstQuery* q = gst_query_new_latency();
+        gboolean bLive = TRUE;
+        if (gst_pad_peer_query(pad, q))
+            gst_query_parse_latency(q, &bLive, nullptr, nullptr);
+        gst_query_unref(q);
+        m_nLive = bLive ? 1 : 0;
+    }
+    return m_nLive == 1;
 }

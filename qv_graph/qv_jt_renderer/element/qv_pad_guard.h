@@ -6,7 +6,11 @@
 //   (its stamp plus its duration, or a frame period), with one warning a
 //   stream (unstamped buffers mixed into a stream would otherwise warn at the
 //   frame rate);
-// - caps that leave out what has a safe default are reported once.
+// - caps that leave out what has a safe default are reported once;
+// - stamps are mapped through the pad's time segment into running time, so
+//   that playlists, seeks and segments that do not start at 0 continue the
+//   programme instead of restarting it;
+// - whether upstream is live, which decides whether the pad paces it.
 // Everything here runs under the pad's stream lock (chain and serialized
 // events only), so the state needs no lock of its own.
 #pragma once
@@ -28,7 +32,11 @@ public:
     // run. Returns what the chain returns: the stream goes on.
     GstFlowReturn drop(GstPad* pad, GstObject* parent, const std::string& why);
     // The buffer was used: a later bad buffer starts a new run.
-    void used() { m_bBadRun = false; }
+    void used()
+    {
+        m_bBadRun = false;
+        m_bHadData = true;
+    }
 
     // Gives a buffer without a PTS the end of the previous buffer; false when
     // there is none to go by. `period` is the length of a buffer without a
@@ -38,6 +46,19 @@ public:
     // True once per caps: the caller reports what the caps leave out.
     bool first_for_caps();
 
+    // Maps [pts, end) through the pad's time segment into running time (end
+    // may be GST_CLOCK_TIME_NONE). False when the buffer lies outside the
+    // segment: clipped away (a decoder's frames before a seek target). Without
+    // a time segment the stamps stay as they are.
+    bool to_running_time(GstClockTime& pts, GstClockTime& end) const;
+
+    // Upstream of the pad is live, as its latency query answers (asked once a
+    // stream); a pad whose upstream cannot tell is taken as live.
+    bool upstream_live(GstPad* pad);
+
+    // The pad has passed on at least one buffer in this stream.
+    bool had_data() const { return m_bHadData; }
+
     // Posts a warning from a pad: "<pad>: <text>".
     static void warn(GstPad* pad, GstObject* parent, const std::string& text);
 
@@ -46,4 +67,8 @@ private:
     bool m_bRestampReported = false;               // restamping in this stream was reported
     bool m_bCapsReported = false;                  // the current caps' defaults were reported
     GstClockTime m_nNextPts = GST_CLOCK_TIME_NONE; // where the previous buffer ended
+    bool m_bHadData = false;                       // a buffer went on in this stream
+    int m_nLive = -1;                              // upstream live: 1, not: 0, not asked yet: -1
+    bool m_bTimeSegment = false;                   // m_segment holds the pad's time segment
+    GstSegment m_segment{};
 };

@@ -193,24 +193,6 @@ struct held_buffer {
     bool bMapped = false;
 };
 
-// The picture's running time in its segment; its PTS when there is no time
-// segment (or the PTS lies outside it).
-uint64_t running_time(GstPad* pad, GstClockTime pts)
-{
-    if (pts == GST_CLOCK_TIME_NONE)
-        return GST_CLOCK_TIME_NONE;
-    GstEvent* pEvent = gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0);
-    if (!pEvent)
-        return pts;
-    const GstSegment* pSegment = nullptr;
-    gst_event_parse_segment(pEvent, &pSegment);
-    GstClockTime rt = GST_CLOCK_TIME_NONE;
-    if (pSegment && pSegment->format == GST_FORMAT_TIME)
-        rt = gst_segment_to_running_time(pSegment, GST_FORMAT_TIME, pts);
-    gst_event_unref(pEvent);
-    return rt == GST_CLOCK_TIME_NONE ? pts : rt;
-}
-
 static_assert(static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA608_RAW) == static_cast<int>(qv_caption_form::cea608_raw) &&
                   static_cast<int>(GST_VIDEO_CAPTION_TYPE_CEA608_S334_1A) ==
                       static_cast<int>(qv_caption_form::cea608_s334_1a) &&
@@ -318,11 +300,18 @@ GstFlowReturn gst_pad_video_chain(GstPad* pad, GstObject* parent, GstBuffer* buf
             }
 
             const GstClockTime duration = GST_BUFFER_DURATION(buffer);
-            const GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
+            GstClockTime ptsEnd = duration == GST_CLOCK_TIME_NONE ? pts : pts + duration;
+            if (!qv_place(pad, renderer, pts, ptsEnd))
+                return qv_verdict::ok();
             const GstClockTime dts = GST_BUFFER_DTS(buffer);
-            const uint64_t hwTime = GST_BUFFER_FLAG_IS_SET(buffer, QV_BUFFER_FLAG_HWTIME) ? dts : 0;
+            // The hardware-time flag shares its bit with the video library's
+            // top-field-first flag, which decoders set on interlaced pictures:
+            // only a live capture can stamp a board's time, never a file.
+            const bool bHwTime = GST_BUFFER_FLAG_IS_SET(buffer, QV_BUFFER_FLAG_HWTIME) &&
+                                 qv_pad_guard::of(pad).upstream_live(pad);
+            const uint64_t hwTime = bHwTime ? dts : 0;
             qv_frame_ancillary metadata = read_metadata(buffer, vc);
-            renderer.add_video_frame(pts, ptsEnd, dts, image, hwTime, running_time(pad, pts), &metadata);
+            renderer.add_video_frame(pts, ptsEnd, dts, image, hwTime, pts, &metadata);
             return qv_verdict::ok();
         });
 }

@@ -219,6 +219,11 @@ GstStateChangeReturn qv_renderer::change_state(GstStateChange transition)
             m_bOpened = false;
         }
         return ret;
+    case GST_STATE_CHANGE_PAUSED_TO_READY:
+        // Deactivating the pads waits for their chain functions: none may be
+        // held waiting for an output that will not come.
+        m_pacer.release_all();
+        return m_pParentClass->change_state(pElement, transition);
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
         ret = m_pParentClass->change_state(pElement, transition);
         if (ret != GST_STATE_CHANGE_FAILURE)
@@ -377,6 +382,9 @@ bool qv_renderer::open_checked(std::string& strError)
         bDevice = true;
     }
     m_fFps = fps;
+    // A producer that is not live may run the latency and two frames ahead of
+    // the output: enough for the pre-roll, well within the FIFOs' depth.
+    m_pacer.configure(static_cast<int64_t>(std::ceil(m_nLatency * fps / 1000.0)) + 2, fps);
     m_nHWFrameStep = bDevice ? static_cast<int32_t>(148500000.0 / fps + 0.499) : 5940000;
 
     m_fifo.m_bUsePLL = m_bUsePLL;
@@ -564,6 +572,7 @@ void qv_renderer::stop()
         m_fExit.reset();
     }
     m_time_starter.reset();
+    m_pacer.restart();
     m_alarmDispatcher.stop();
     m_reporter.stop();
     m_bOutputDown = false;
@@ -596,6 +605,7 @@ bool qv_renderer::reset()
     // Pictures are numbered afresh: what waited for the old numbers would wait for ever.
     m_ancillary.clear();
     m_cc_queue.clear();
+    m_pacer.restart();
     std::string strError;
     const bool bOk = open_devices(strError);
     if (!bOk)
@@ -607,6 +617,9 @@ bool qv_renderer::reset()
 void qv_renderer::pad_event(GstPad* pPad, GstEvent* pEvent)
 {
     switch (GST_EVENT_TYPE(pEvent)) {
+    case GST_EVENT_FLUSH_START:
+        m_pacer.release_all();
+        break;
     case GST_EVENT_EOS: {
         std::lock_guard<std::mutex> lock(m_csEos);
         if (std::find(m_eosPads.begin(), m_eosPads.end(), pPad) == m_eosPads.end())

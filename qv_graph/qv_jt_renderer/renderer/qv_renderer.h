@@ -8,6 +8,7 @@
 #include "qv_cc_queue.h"
 #include "qv_fifo_engine.h"
 #include "qv_frame_ancillary.h"
+#include "qv_input_pacer.h"
 #include "qv_line_map.h"
 #include "qv_mpln_output_device.h"
 #include "qv_pads.h"
@@ -98,6 +99,9 @@ public:
     int add_scte35_section(const uint8_t* pSection, size_t nSize, uint64_t nSpliceRunningTime, uint32_t nEventId);
     int add_scte35_frame(const uint8_t* pData, size_t nSize);
     int add_subtitle_frame(uint64_t pts, const uint8_t* pData, size_t nSize);
+    // A producer that is not live waits here until its stamp (running time)
+    // is within reach of the output; the pad's flush lets it go at once.
+    void pace_input(GstPad* pPad, uint64_t ptsStart);
 
     // Read-outs for the application and for tests.
     qv_renderer_statistics& statistics() { return m_statistics; }
@@ -207,6 +211,7 @@ private:
     qv_scte35_pad m_scte35_pad;
     qv_vbi_pad m_vbi_pad;
     qv_time_starter m_time_starter;
+    qv_input_pacer m_pacer;
 
     // The board values in force from NULL -> READY to READY -> NULL: writes to
     // the properties meanwhile wait for the next open, so that an internal

@@ -76,6 +76,12 @@ int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dt
         }
         m_ancillary.push(nIndex, std::move(*pAncillary));
     }
+    // Play-out will begin at the first picture, wherever the other streams began.
+    {
+        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
+        if (m_fifo.m_video_fifo.queued() > 0)
+            m_pacer.anchor(m_fifo.m_video_fifo.m_video_fifo.front()->index);
+    }
     return ret;
 }
 
@@ -161,4 +167,22 @@ int qv_renderer::add_scte35_section(const uint8_t* pSection, size_t nSize, uint6
 int qv_renderer::add_subtitle_frame(uint64_t, const uint8_t*, size_t)
 {
     return 1;
+}
+
+void qv_renderer::pace_input(GstPad* pPad, uint64_t ptsStart)
+{
+    if (ptsStart == QV_TIME_NONE)
+        return;
+    uint64_t rel = 0;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_cs);
+        // The first stamp of a stream is its origin: it is always wanted.
+        if (m_time_starter.m_bFirst || static_cast<long>(ptsStart) < m_time_starter.m_time_start)
+            return;
+        rel = ptsStart - static_cast<uint64_t>(m_time_starter.m_time_start);
+    }
+    // A board that takes nothing for this long is stuck: the data then goes
+    // in, and the FIFO's overflow rules take over.
+    const auto bound = std::chrono::milliseconds(m_nLatency + 10000);
+    m_pacer.wait(rel, [pPad] { return GST_PAD_IS_FLUSHING(pPad); }, bound);
 }

@@ -203,6 +203,7 @@ void qv_renderer::try_recover(loop_state& L)
         m_fifo.reset();
         m_ancillary.clear();
         m_time_starter.reset();
+        m_pacer.restart();
         if (!open_devices(strError)) {
             if (strError != L.strLastError)
                 g_print("qvjtrenderer: output device still unavailable: %s\n", strError.c_str());
@@ -519,6 +520,7 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
             restart_playout(L, "a FIFO underflow", false);
             continue;
         }
+        m_pacer.output_at(nIndex);
         take_metadata(L);
         if (!output_frame(L)) {
             if (dev.needs_restart())

@@ -1,0 +1,12 @@
+#include "qv_pad_common.h"
+#include "qv_renderer.h"
+
+bool qv_place(GstPad* pad, qv_renderer& renderer, GstClockTime& pts, GstClockTime& end)
+{
+    qv_pad_guard& guard = qv_pad_guard::of(pad);
+    if (!guard.to_running_time(pts, end))
+        return false;
+    if (!guard.upstream_live(pad))
+        renderer.pace_input(pad, pts);
+    return true;
+}
