@@ -142,9 +142,15 @@ int main(int argc, char** argv)
                 }
             }
         }
-        // Longest run of near-silent samples on channel 0 once the sound began.
+        // Longest run of near-silent samples on channel 0 once the sound began;
+        // the first sample at more than half of full scale (a click) in the record.
+        bool bClick = false;
         for (uint32_t s = 0; s < f.audio_samples && !f.audio.empty(); ++s) {
             const int32_t v = qvboardsim::audio_word_to_sample(f.audio[static_cast<size_t>(s) * f.audio_channels]);
+            if (!bClick && std::abs(v) >= (1 << 22)) {
+                bClick = true;
+                line += " click=" + std::to_string(s);
+            }
             ++nTotal;
             if (std::abs(v) < 1024) {
                 if (bSound)

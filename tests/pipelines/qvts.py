@@ -285,7 +285,7 @@ def read_capture(build_dir, capture):
             elif key == "anc":  # line:did:sdid:payload hex
                 ln, did, sdid, payload = val.split(":")
                 rec["anc"].append((int(ln), int(did, 16), int(sdid, 16), bytes.fromhex(payload)))
-            elif key in ("index", "seq", "luma", "zeros", "samples"):
+            elif key in ("index", "seq", "luma", "zeros", "samples", "click"):
                 rec[key] = int(val)
         frames.append(rec)
     return frames, audio

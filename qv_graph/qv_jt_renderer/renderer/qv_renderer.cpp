@@ -2,6 +2,8 @@
 // stop / close / reset.
 #include "qv_renderer.h"
 
+#include "qv_pad_guard.h"
+
 #include "gstqvjtrenderer.h"
 #include "qv_thread_priority.h"
 #include "qv_v4l2_common.h"
@@ -626,13 +628,18 @@ void qv_renderer::pad_event(GstPad* pPad, GstEvent* pEvent)
             m_eosPads.push_back(pPad);
         m_nEosSeqnum = gst_event_get_seqnum(pEvent);
         // The stream ends when every linked pad has ended: the last picture
-        // and the last sound both have to go out.
+        // and the last sound both have to go out. A pad that has had no data
+        // in this stream has nothing to wait for.
+        const auto pending = [this](GstPad* p) {
+            return isConnect(p) && qv_pad_guard::of(p).had_data() &&
+                   std::find(m_eosPads.begin(), m_eosPads.end(), p) == m_eosPads.end();
+        };
         bool bAll = std::find(m_eosPads.begin(), m_eosPads.end(), m_video_pad.get()) != m_eosPads.end();
         for (const auto& p : m_list_audio_pad)
-            if (isConnect(p->pad.get()) && std::find(m_eosPads.begin(), m_eosPads.end(), p->pad.get()) == m_eosPads.end())
+            if (pending(p->pad.get()))
                 bAll = false;
         for (GstPad* p : {m_teletext_pad.get(), m_scte104_pad.get(), m_scte35_pad.get(), m_vbi_pad.get()})
-            if (isConnect(p) && std::find(m_eosPads.begin(), m_eosPads.end(), p) == m_eosPads.end())
+            if (p && pending(p))
                 bAll = false;
         m_bEos = bAll;
         break;
