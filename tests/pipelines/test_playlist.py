@@ -159,6 +159,8 @@ def main():
         print(f"{len(frames)} records, audio {audio}, restarts {result['restarts']}, warnings {result['warnings'][:3]}")
         for f in failures:
             print(f"FAIL {f}")
+        if failures:
+            print("player console:\n" + run.stdout[-4000:])
         return 1 if failures else 0
 
 

@@ -17,6 +17,7 @@
 
 #include <gst/gst.h>
 
+#include <atomic>
 #include <string>
 
 class qv_pad_guard {
@@ -57,7 +58,8 @@ public:
     bool upstream_live(GstPad* pad);
 
     // The pad has passed on at least one buffer in this stream.
-    bool had_data() const { return m_bHadData; }
+    // Read from other pads' threads (end of stream), hence atomic.
+    bool had_data() const { return m_bHadData.load(std::memory_order_relaxed); }
 
     // Posts a warning from a pad: "<pad>: <text>".
     static void warn(GstPad* pad, GstObject* parent, const std::string& text);
@@ -67,7 +69,7 @@ private:
     bool m_bRestampReported = false;               // restamping in this stream was reported
     bool m_bCapsReported = false;                  // the current caps' defaults were reported
     GstClockTime m_nNextPts = GST_CLOCK_TIME_NONE; // where the previous buffer ended
-    bool m_bHadData = false;                       // a buffer went on in this stream
+    std::atomic<bool> m_bHadData{false};           // a buffer went on in this stream
     int m_nLive = -1;                              // upstream live: 1, not: 0, not asked yet: -1
     bool m_bTimeSegment = false;                   // m_segment holds the pad's time segment
     GstSegment m_segment{};

@@ -149,6 +149,21 @@ void qv_fifo_engine::reset()
     set_state(fifo_ok, std::string());
 }
 
+bool qv_fifo_engine::audio_line_covers(unsigned nLine, uint64_t nFrame)
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    if (nLine >= m_audio_fifo.size())
+        return true;
+    const qv_audio_fifo& line = m_audio_fifo[nLine];
+    return line.m_arrival_pos >= line.frame_to_pos(nFrame);
+}
+
+int64_t qv_fifo_engine::first_queued_frame()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    return m_video_fifo.queued() ? m_video_fifo.m_video_fifo.front()->index : -1;
+}
+
 int64_t qv_fifo_engine::start()
 {
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);

@@ -60,6 +60,10 @@ public:
     void reset();
     // First output frame number (clamped at 0), or -1 when no picture is queued.
     int64_t start();
+    // The audio line has received its sound up to the start of output frame n.
+    bool audio_line_covers(unsigned nLine, uint64_t nFrame);
+    // The frame number of the oldest queued picture; -1 when none is queued.
+    int64_t first_queued_frame();
     void add_target(const target_fn& target);
 
     // Producers. Dropped input (no stamp, no line, no video yet) counts as success;

@@ -575,6 +575,7 @@ void qv_renderer::stop()
     }
     m_time_starter.reset();
     m_pacer.restart();
+    m_bPacedInput = false;
     m_alarmDispatcher.stop();
     m_reporter.stop();
     m_bOutputDown = false;

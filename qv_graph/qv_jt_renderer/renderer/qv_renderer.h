@@ -137,6 +137,7 @@ private:
     void try_recover(loop_state& L);
     void account_idle_slots(loop_state& L);
     bool preroll_done(loop_state& L);
+    bool sound_prerolled(loop_state& L);
     bool hwlock_due(loop_state& L, uint32_t nSeq) const; // just over a second of output since the last attempt
     bool acquire_buffer(loop_state& L, uint32_t& nSeq);
     int fetch_frame(loop_state& L, uint32_t nIndex);
@@ -244,6 +245,7 @@ private:
     std::atomic<bool> m_bEos{false};       // every linked pad is at its end
     std::atomic<bool> m_bEosPosted{false}; // EOS went to the bus
     std::atomic<bool> m_bFlush{false};     // a flush asks the loop for a clean restart
+    std::atomic<bool> m_bPacedInput{false}; // some input is not live (a file): it is paced and pre-rolls all streams
     std::string m_strLineMap; // "line-map" as set; empty when the table came from "vbi_lines"
     qv_stats_reporter m_reporter;
 };

@@ -171,6 +171,7 @@ int qv_renderer::add_subtitle_frame(uint64_t, const uint8_t*, size_t)
 
 void qv_renderer::pace_input(GstPad* pPad, uint64_t ptsStart)
 {
+    m_bPacedInput = true;
     if (ptsStart == QV_TIME_NONE)
         return;
     uint64_t rel = 0;

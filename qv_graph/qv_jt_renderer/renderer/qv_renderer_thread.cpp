@@ -108,6 +108,8 @@ struct qv_renderer::loop_state {
 
     // End of stream: the frames already queued go out before EOS is posted.
     bool bDraining = false;
+    // When the pictures of input that is not live had pre-rolled and its sound not yet.
+    steady::time_point tSoundWait{};
     steady::time_point tDrainEnd{};
 };
 
@@ -232,6 +234,31 @@ bool qv_renderer::hwlock_due(loop_state& L, uint32_t nSeq) const
     return true;
 }
 
+bool qv_renderer::sound_prerolled(loop_state& L)
+{
+    // Input that is not live pre-rolls its sound as well as its pictures: a
+    // file's first samples must not come after their frame went out. A
+    // linked line that brings nothing for two seconds more does not keep the
+    // pictures off air.
+    const auto now = steady::now();
+    if (L.tSoundWait == steady::time_point{})
+        L.tSoundWait = now;
+    if (now - L.tSoundWait > std::chrono::seconds(2))
+        return true;
+    const int64_t nFirst = m_fifo.first_queued_frame();
+    if (nFirst < 0)
+        return true;
+    std::lock_guard<std::mutex> lock(m_csEos);
+    for (const auto& p : m_list_audio_pad) {
+        GstPad* pPad = p->pad.get();
+        if (!isConnect(pPad) || std::find(m_eosPads.begin(), m_eosPads.end(), pPad) != m_eosPads.end())
+            continue;
+        if (!m_fifo.audio_line_covers(static_cast<unsigned>(p->nIndex), static_cast<uint64_t>(nFirst) + 2))
+            return false;
+    }
+    return true;
+}
+
 bool qv_renderer::preroll_done(loop_state& L)
 {
     const qv_video_fifo& vf = m_fifo.m_video_fifo;
@@ -251,6 +278,9 @@ bool qv_renderer::preroll_done(loop_state& L)
         m_fifo.check_audio_fifo_fullness(m_nLatency);
         return false;
     }
+    if (m_bPacedInput && !sound_prerolled(L))
+        return false;
+    L.tSoundWait = {};
     const int64_t s = m_fifo.start();
     L.nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
     L.bSeqBase = false;
