@@ -60,10 +60,6 @@ size_t QVMemoryManager::find_room(size_t n, bool& bWrap) const
     const bool bRoomAtBegin = m_Begin + n < m_curStart;
     if (m_curStop + n <= m_Begin + m_Window)
         return m_curStop;
-    if (bRoomAtBegin && (m_curStop - m_curStart) + n <= m_Window / 4) {
-        bWrap = true;
-        return m_Begin;
-    }
     if (m_curStop + n <= m_End)
         return m_curStop;
     if (!bRoomAtBegin)

@@ -1,13 +1,10 @@
 // A byte ring that hands out contiguous chunks and takes them back in the
 // order it gave them. Not thread-safe: its owner locks.
 //
-// The ring is sized for the most it may ever hold, but a stream that keeps
-// only a little of it filled should not cycle through all of it: every page
-// the write side has passed stays resident. So the write side starts over at
-// the beginning once it has passed the part used so far (the window) while
-// the data held is at most a quarter of that window, and the window grows
-// whenever more is held. The whole ring stays available: a write that does
-// not fit the window goes beyond it.
+// The write side wraps only at the ring's end, so that the whole ring is
+// always available: starting over early to keep fewer pages resident made a
+// wrapped ring hold less than its size, and a slow start-up then overflowed
+// it. `window()` tells how far into the ring the write side has been.
 #pragma once
 
 #include "qv_align_memory.h"
@@ -50,7 +47,7 @@ public:
     size_t m_curStart = 0; // oldest byte in use (read side)
     size_t m_curStop = 0;  // next byte to hand out (write side)
     size_t m_Size = 0;
-    size_t m_Window = 0;   // bytes from the beginning that the write side has used
+    size_t m_Window = 0;   // bytes from the beginning that the write side has reached
 
 private:
     // The start address of n bytes of room and whether the write side must wrap first; 0 = no room.
