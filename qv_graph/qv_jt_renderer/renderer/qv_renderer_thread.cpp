@@ -275,7 +275,12 @@ bool qv_renderer::preroll_done(loop_state& L)
     const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
     // At the end of a stream there is no more to wait for: play what is there.
     if (nBuffered < m_nLatency && !(m_bEos && !m_bEosPosted)) {
-        m_fifo.check_audio_fifo_fullness(m_nLatency);
+        // A live source's sound that runs ahead of its pictures is trimmed to
+        // the latency. Paced input is bounded by the pacer instead, and
+        // trimming it would move the read position past the first frame's
+        // samples, which then go out as silence.
+        if (!m_bPacedInput)
+            m_fifo.check_audio_fifo_fullness(m_nLatency);
         return false;
     }
     if (m_bPacedInput && !sound_prerolled(L))
