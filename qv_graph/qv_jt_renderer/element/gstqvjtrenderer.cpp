@@ -148,6 +148,14 @@ void install_properties(GObjectClass* gobject_class)
                           3600000, 0, static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
 }
 
+gboolean gst_qvjtrenderer_send_event(GstElement* element, GstEvent* event)
+{
+    qv_renderer* pRenderer = reinterpret_cast<Gstqvjtrenderer*>(element)->pRenderer;
+    if (pRenderer && GST_EVENT_IS_UPSTREAM(event) && !GST_EVENT_IS_DOWNSTREAM(event))
+        return pRenderer->send_upstream(event);
+    return parent_class->send_event(element, event);
+}
+
 void gst_qvjtrenderer_class_init(gpointer klass, gpointer)
 {
     parent_class = GST_ELEMENT_CLASS(g_type_class_peek_parent(klass));
@@ -156,6 +164,7 @@ void gst_qvjtrenderer_class_init(gpointer klass, gpointer)
     gobject_class->set_property = gst_qvjtrenderer_set_property;
     gobject_class->get_property = gst_qvjtrenderer_get_property;
     GST_ELEMENT_CLASS(klass)->change_state = gst_qvjtrenderer_change_state;
+    GST_ELEMENT_CLASS(klass)->send_event = gst_qvjtrenderer_send_event;
     install_properties(gobject_class);
 }
 

@@ -141,6 +141,56 @@ void qv_fifo_engine::reset()
     m_teletext_fifo.reset();
     m_scte104_fifo.reset();
     m_vbi_fifo.reset();
+    rebase();
+}
+
+void qv_fifo_engine::flush_video()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    m_video_fifo.reset();
+}
+
+void qv_fifo_engine::flush_audio(unsigned nLine)
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    if (nLine < m_audio_fifo.size())
+        m_audio_fifo[nLine].clear();
+}
+
+void qv_fifo_engine::flush_teletext()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    m_teletext_fifo.reset();
+}
+
+void qv_fifo_engine::flush_scte104()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    m_scte104_fifo.reset();
+}
+
+void qv_fifo_engine::flush_vbi()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    m_vbi_fifo.reset();
+}
+
+void qv_fifo_engine::map_silence(uint64_t nHeld, QVSound& sound)
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    if (m_audio_fifo.empty())
+        return;
+    const qv_audio_fifo& line = m_audio_fifo.front();
+    const QVSDK::QVSoundFormat& f = line.m_sound_format;
+    const size_t bytes = static_cast<size_t>(line.frame_to_pos(nHeld + 1) - line.frame_to_pos(nHeld));
+    const auto channels = static_cast<uint16_t>(m_audio_fifo.size() * f.m_channel);
+    if (sound.init(m_audio_fifo.size() * bytes, 0, f.m_frequency, f.m_bit_per_sample, channels))
+        sound.silense(sound.capacity());
+}
+
+void qv_fifo_engine::rebase()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     m_out_frame_index = 0;
     m_was_start = false;
     std::fill(std::begin(m_nLastTaken), std::end(m_nLastTaken), -1);

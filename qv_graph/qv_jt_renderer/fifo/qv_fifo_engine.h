@@ -58,6 +58,18 @@ public:
     void dealloc_fifo();
 
     void reset();
+    // A flush of one input: its queue is emptied, the rest keep theirs. The
+    // picture on air stays, to be held while the new position pre-rolls.
+    void flush_video();
+    void flush_audio(unsigned nLine);
+    void flush_teletext();
+    void flush_scte104();
+    void flush_vbi();
+    // Output frame numbering starts again at the next start(); the queues stay.
+    void rebase();
+    // Silence for every audio line, one frame long: the nHeld-th frame while a
+    // picture is held (lengths follow the frame grid, as for queued sound).
+    void map_silence(uint64_t nHeld, QVSDK::QVSound& sound);
     // First output frame number (clamped at 0), or -1 when no picture is queued.
     int64_t start();
     // The audio line has received its sound up to the start of output frame n.

@@ -622,6 +622,7 @@ void qv_renderer::pad_event(GstPad* pPad, GstEvent* pEvent)
     switch (GST_EVENT_TYPE(pEvent)) {
     case GST_EVENT_FLUSH_START:
         m_pacer.release_all();
+        flush_begins(pPad);
         break;
     case GST_EVENT_EOS: {
         std::lock_guard<std::mutex> lock(m_csEos);
@@ -646,15 +647,17 @@ void qv_renderer::pad_event(GstPad* pPad, GstEvent* pEvent)
         break;
     }
     case GST_EVENT_FLUSH_STOP:
+        flush_ends(pPad);
+        break;
     case GST_EVENT_STREAM_START: {
         std::lock_guard<std::mutex> lock(m_csEos);
         const bool bWasEos = !m_eosPads.empty();
         m_eosPads.erase(std::remove(m_eosPads.begin(), m_eosPads.end(), pPad), m_eosPads.end());
         m_bEos = false;
         m_bEosPosted = false;
-        // A flush throws away what is queued; a new stream after an end starts
-        // from its own time base. Either way the loop restarts the play-out.
-        if (GST_EVENT_TYPE(pEvent) == GST_EVENT_FLUSH_STOP || bWasEos)
+        // A new stream after an end starts from its own time base: the loop
+        // restarts the play-out.
+        if (bWasEos)
             m_bFlush = true;
         break;
     }
@@ -662,3 +665,65 @@ void qv_renderer::pad_event(GstPad* pPad, GstEvent* pEvent)
         break;
     }
 }
+
+void qv_renderer::flush_begins(GstPad* pPad)
+{
+    std::lock_guard<std::mutex> lock(m_csEos);
+    if (std::find(m_flushingPads.begin(), m_flushingPads.end(), pPad) == m_flushingPads.end())
+        m_flushingPads.push_back(pPad);
+    m_bFlushing = true;
+    if (pPad == m_video_pad.get()) {
+        // What is queued is about to be thrown away: from now on the board
+        // holds the picture on air instead of playing the old position out.
+        m_bVideoFlushed = true;
+        m_bRebase = true;
+    }
+}
+
+void qv_renderer::flush_ends(GstPad* pPad)
+{
+    // The pad's own queue goes; other pads' queues stay (a flush need not
+    // reach every input).
+    if (pPad == m_video_pad.get()) {
+        m_fifo.flush_video();
+    } else if (pPad == m_teletext_pad.get()) {
+        m_fifo.flush_teletext();
+    } else if (pPad == m_scte104_pad.get() || pPad == m_scte35_pad.get()) {
+        m_fifo.flush_scte104();
+    } else if (pPad == m_vbi_pad.get()) {
+        m_fifo.flush_vbi();
+    } else {
+        std::lock_guard<std::recursive_mutex> lock(m_cs);
+        for (const auto& p : m_list_audio_pad)
+            if (p->pad.get() == pPad)
+                m_fifo.flush_audio(static_cast<unsigned>(p->nIndex));
+    }
+
+    bool bRestartTime = false;
+    {
+        std::lock_guard<std::mutex> lock(m_csEos);
+        m_eosPads.erase(std::remove(m_eosPads.begin(), m_eosPads.end(), pPad), m_eosPads.end());
+        m_bEos = false;
+        m_bEosPosted = false;
+        m_flushingPads.erase(std::remove(m_flushingPads.begin(), m_flushingPads.end(), pPad),
+                             m_flushingPads.end());
+        if (!m_flushingPads.empty())
+            return;
+        bRestartTime = m_bVideoFlushed;
+        m_bVideoFlushed = false;
+    }
+    if (bRestartTime) {
+        // The new position's stamps start a time line of their own (a
+        // flushing seek starts running time again): every stream is stamped
+        // from its new first stamp and frames are numbered afresh.
+        std::lock_guard<std::recursive_mutex> lock(m_cs);
+        m_time_starter.reset();
+        m_pacer.restart();
+        m_ancillary.clear();
+        m_cc_queue.clear();
+        m_fifo.rebase();
+    }
+    std::lock_guard<std::mutex> lock(m_csEos);
+    m_bFlushing = !m_flushingPads.empty();
+}
+

@@ -79,6 +79,8 @@ public:
     bool update_audio_pad(unsigned long n);
     bool update_vbi_pad(bool bUse);
     static bool isConnect(GstPad* pPad);
+    // An upstream event sent to the element (a seek): up a linked sink pad.
+    bool send_upstream(GstEvent* pEvent);
     bool isAudioConnect() const;
     size_t audio_pad_count() const { return m_list_audio_pad.size(); }
 
@@ -137,6 +139,12 @@ private:
     void try_recover(loop_state& L);
     void account_idle_slots(loop_state& L);
     bool preroll_done(loop_state& L);
+    void hold_frame(loop_state& L);
+    // Numbers the frame of device buffer nSeq and maps it; false when the
+    // pass ends here (underflow, end of stream).
+    bool next_frame(loop_state& L, uint32_t nSeq);
+    void flush_begins(GstPad* pPad);
+    void flush_ends(GstPad* pPad);
     bool sound_prerolled(loop_state& L);
     bool hwlock_due(loop_state& L, uint32_t nSeq) const; // just over a second of output since the last attempt
     bool acquire_buffer(loop_state& L, uint32_t& nSeq);
@@ -244,7 +252,14 @@ private:
     uint32_t m_nEosSeqnum = 0;
     std::atomic<bool> m_bEos{false};       // every linked pad is at its end
     std::atomic<bool> m_bEosPosted{false}; // EOS went to the bus
-    std::atomic<bool> m_bFlush{false};     // a flush asks the loop for a clean restart
+    std::atomic<bool> m_bFlush{false};     // a new stream after an end asks the loop for a clean restart
+    // Flushes (a seek): the pads between flush start and stop, guarded by
+    // m_csEos. A flush of the pictures holds the picture on air, the board
+    // running on, until the new position has pre-rolled.
+    std::vector<GstPad*> m_flushingPads;
+    bool m_bVideoFlushed = false;           // the pictures are among the pads flushing
+    std::atomic<bool> m_bFlushing{false};   // some pad is flushing: nothing pre-rolls
+    std::atomic<bool> m_bRebase{false};     // the loop is to hold the picture and pre-roll afresh
     std::atomic<bool> m_bPacedInput{false}; // some input is not live (a file): it is paced and pre-rolls all streams
     std::string m_strLineMap; // "line-map" as set; empty when the table came from "vbi_lines"
     qv_stats_reporter m_reporter;

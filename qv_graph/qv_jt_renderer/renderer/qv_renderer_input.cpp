@@ -59,7 +59,10 @@ int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dt
             return 1;
         if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
             return 1;
-        deviceTime = device_time_locked();
+        // Input paced by the board arrives at the board's rate by
+        // construction, and in bursts after a seek: there is no stream clock
+        // to smooth, and smoothing the bursts would move the pictures.
+        deviceTime = m_bPacedInput ? 0 : device_time_locked();
     }
     // The FIFO locks for itself; the picture's copy must not hold up the
     // audio pads waiting for this lock.
@@ -187,3 +190,4 @@ void qv_renderer::pace_input(GstPad* pPad, uint64_t ptsStart)
     const auto bound = std::chrono::milliseconds(m_nLatency + 10000);
     m_pacer.wait(rel, [pPad] { return GST_PAD_IS_FLUSHING(pPad); }, bound);
 }
+

@@ -192,3 +192,25 @@ bool qv_renderer::isAudioConnect() const
     }
     return false;
 }
+
+bool qv_renderer::send_upstream(GstEvent* pEvent)
+{
+    // A seek from the application goes up one linked pad, the pictures' when
+    // linked: a demuxer feeding several pads seeks all of them at once.
+    GstPad* pPad = isConnect(m_video_pad.get()) ? GST_PAD(gst_object_ref(m_video_pad.get())) : nullptr;
+    if (!pPad) {
+        GstElement* pElement = GST_ELEMENT(m_pElement);
+        GST_OBJECT_LOCK(pElement);
+        for (GList* l = pElement->sinkpads; l && !pPad; l = l->next)
+            if (gst_pad_is_linked(GST_PAD(l->data)))
+                pPad = GST_PAD(gst_object_ref(l->data));
+        GST_OBJECT_UNLOCK(pElement);
+    }
+    if (!pPad) {
+        gst_event_unref(pEvent);
+        return false;
+    }
+    const bool bOk = gst_pad_push_event(pPad, pEvent);
+    gst_object_unref(pPad);
+    return bOk;
+}

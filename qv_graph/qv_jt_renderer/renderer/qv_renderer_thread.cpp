@@ -106,6 +106,11 @@ struct qv_renderer::loop_state {
     // Frames handed to the board since the watchdog was last looked at.
     uint32_t nSinceWatchdog = 0;
 
+    // After a flush of the pictures: the picture on air is held, with
+    // silence, until the new position has pre-rolled.
+    bool bHolding = false;
+    uint64_t nHeld = 0; // frames held so far (the sound's lengths follow the frame grid)
+
     // End of stream: the frames already queued go out before EOS is posted.
     bool bDraining = false;
     // When the pictures of input that is not live had pre-rolled and its sound not yet.
@@ -168,6 +173,7 @@ void qv_renderer::restart_playout(loop_state& L, const char* pReason, bool bDevi
     L.nQueued = 0;
     L.bFailing = false;
     L.bDraining = false;
+    L.bHolding = false;
     L.metadata = qv_frame_ancillary{};
 
     const auto now = steady::now();
@@ -261,6 +267,9 @@ bool qv_renderer::sound_prerolled(loop_state& L)
 
 bool qv_renderer::preroll_done(loop_state& L)
 {
+    // Half-flushed queues hold old and new positions side by side.
+    if (m_bFlushing)
+        return false;
     const qv_video_fifo& vf = m_fifo.m_video_fifo;
     bool bEmpty;
     {
@@ -310,6 +319,17 @@ bool qv_renderer::acquire_buffer(loop_state& L, uint32_t& nSeq)
                            : "qv_jt_renderer: can't map buffer from device\n");
     L.bFailing = true;
     return false;
+}
+
+void qv_renderer::hold_frame(loop_state& L)
+{
+    // L.image is still the picture that went out last.
+    m_fifo.map_silence(L.nHeld++, L.sound);
+    L.teletext.clear();
+    L.scte104.clear();
+    L.vbiBytes.clear();
+    L.timecode = qv_timecode{};
+    L.metadata = qv_frame_ancillary{};
 }
 
 int qv_renderer::fetch_frame(loop_state& L, uint32_t nIndex)
@@ -435,6 +455,7 @@ void qv_renderer::start_device_when_primed(loop_state& L)
 void qv_renderer::finish_eos(loop_state& L)
 {
     L.bDraining = false;
+    L.bHolding = false;
     m_bEosPosted = true;
     g_print("qvjtrenderer: end of stream\n");
     GstElement* pElement = GST_ELEMENT(m_pElement);
@@ -454,6 +475,56 @@ void qv_renderer::finish_eos(loop_state& L)
     L.tLastOpen = steady::now();
     if (!reset())
         enter_down(L, "it could not be reopened");
+}
+
+bool qv_renderer::next_frame(loop_state& L, uint32_t nSeq)
+{
+    // The device numbers its frames its own way (from 0 or from 1, lent
+    // buffers included): only the distance from the first one counts.
+    if (!L.bSeqBase) {
+        L.bSeqBase = true;
+        L.nSeqBase = nSeq;
+    }
+    uint32_t nIndex = L.nStartIndex + (nSeq - L.nSeqBase);
+
+    if (L.bComplex && m_bUseHWLock && hwlock_due(L, nSeq)) {
+        L.bLocked = tryHWLock(nIndex, L.nHWCorrection);
+    }
+    if (L.bComplex && L.bLocked && L.nHWCorrection != 0) {
+        if (L.nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(L.nHWCorrection)) >= nIndex)
+            nIndex = 0;
+        else
+            nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + L.nHWCorrection);
+    }
+
+    // A flush of the pictures came while this pass waited for its buffer.
+    if (m_bRebase || fetch_frame(L, nIndex) != 0) {
+        if (m_bRebase || m_bFlushing) {
+            // The pictures were flushed under this pass: hold what is on air.
+            // The queue ran dry because of the flush, not for want of input.
+            {
+                std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
+                m_fifo.set_state(fifo_ok, std::string());
+            }
+            L.bHolding = true;
+            L.bStarted = false;
+            hold_frame(L);
+            return true;
+        }
+        if (m_bEos && !m_bEosPosted) {
+            // Everything queued has been handed over; what the device
+            // still holds goes out within one ring of frames.
+            const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
+            L.bDraining = true;
+            L.tDrainEnd = steady::now() + (ring_frames(L.bComplex) + 1) * period;
+            return false;
+        }
+        restart_playout(L, "a FIFO underflow", false);
+        return false;
+    }
+    m_pacer.output_at(nIndex);
+    take_metadata(L);
+    return true;
 }
 
 void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
@@ -496,7 +567,20 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
                 finish_eos(L);
             continue;
         }
+        if (m_bRebase.exchange(false)) {
+            // A flush: once the board runs, it goes on with the picture on
+            // air; before that there is nothing to hold.
+            if (!L.bHolding)
+                g_print("qvjtrenderer: flush: %s until the new position has pre-rolled\n",
+                        m_state == qv_run_state ? "holding the picture on air" : "waiting");
+            L.bHolding = m_state == qv_run_state;
+            L.nHeld = 0;
+            L.bStarted = false;
+            L.bSeqBase = false;
+            L.bDraining = false;
+        }
         if (m_bFlush.exchange(false)) {
+            L.bHolding = false;
             L.tLastOpen = now;
             m_state = qv_stop_state;
             L.bStarted = false;
@@ -512,51 +596,26 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
         }
         if (!L.bStarted) {
             account_idle_slots(L);
-            if (!preroll_done(L))
+            if (preroll_done(L))
+                L.bHolding = false;
+            else if (!L.bHolding)
                 continue;
         }
         uint32_t nSeq = 0;
         if (!acquire_buffer(L, nSeq)) {
-            L.bStarted = true;
+            L.bStarted = !L.bHolding;
             account_idle_slots(L);
             if (dev.needs_restart() || !dev.is_open())
                 restart_playout(L, "an output device failure", true);
             continue;
         }
-        L.bStarted = true;
+        L.bStarted = !L.bHolding;
         L.bPaced = true;
-        // The device numbers its frames its own way (from 0 or from 1, lent
-        // buffers included): only the distance from the first one counts.
-        if (!L.bSeqBase) {
-            L.bSeqBase = true;
-            L.nSeqBase = nSeq;
-        }
-        uint32_t nIndex = L.nStartIndex + (nSeq - L.nSeqBase);
-
-        if (bComplex && m_bUseHWLock && hwlock_due(L, nSeq)) {
-            L.bLocked = tryHWLock(nIndex, L.nHWCorrection);
-        }
-        if (bComplex && L.bLocked && L.nHWCorrection != 0) {
-            if (L.nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(L.nHWCorrection)) >= nIndex)
-                nIndex = 0;
-            else
-                nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + L.nHWCorrection);
-        }
-
-        if (fetch_frame(L, nIndex) != 0) {
-            if (m_bEos && !m_bEosPosted) {
-                // Everything queued has been handed over; what the device
-                // still holds goes out within one ring of frames.
-                const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
-                L.bDraining = true;
-                L.tDrainEnd = steady::now() + (ring_frames(bComplex) + 1) * period;
-                continue;
-            }
-            restart_playout(L, "a FIFO underflow", false);
+        if (L.bHolding) {
+            hold_frame(L);
+        } else if (!next_frame(L, nSeq)) {
             continue;
         }
-        m_pacer.output_at(nIndex);
-        take_metadata(L);
         if (!output_frame(L)) {
             if (dev.needs_restart())
                 restart_playout(L, "an output device failure", true);
@@ -590,3 +649,4 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
     g_print("qv_jt_renderer: stop renderer thread\n");
     m_state = qv_stop_state;
 }
+
