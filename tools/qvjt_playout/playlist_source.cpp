@@ -119,12 +119,20 @@ struct playlist_outputs {
     GstCaps* video_caps = nullptr; // the caps last set on `video`, touched by the pictures' thread only
     std::vector<std::unique_ptr<sound_line>> lines;
     GstAppSrc* teletext = nullptr;
-    GstAppSrc* cue = nullptr;
+    // Cues are pushed from the application's thread straight into the
+    // element's SCTE-35 pad, so that each is taken before the item it
+    // announces starts, whatever the load.
+    GstPad* cue = nullptr;
+    bool cue_started = false;
 
     ~playlist_outputs()
     {
         gst_clear_caps(&video_caps);
-        for (GstAppSrc* s : {video, teletext, cue})
+        if (cue) {
+            gst_pad_set_active(cue, FALSE);
+            gst_object_unref(cue);
+        }
+        for (GstAppSrc* s : {video, teletext})
             if (s)
                 gst_object_unref(s);
         for (auto& l : lines)
@@ -521,8 +529,6 @@ std::string playlist_source::pipeline_text() const
              std::to_string(k);
     if (m_settings.teletext)
         p += " appsrc name=pl_teletext format=time caps=application/x-teletext ! out.sink_teletext";
-    if (m_settings.splice_cues)
-        p += " appsrc name=pl_cue format=time caps=application/x-scte35 ! out.sink_scte35";
     return p;
 }
 
@@ -545,8 +551,17 @@ bool playlist_source::attach(GstElement* pipeline)
     }
     if (m_settings.teletext)
         ok = ok && (m_pOut->teletext = take("pl_teletext"));
-    if (m_settings.splice_cues)
-        ok = ok && (m_pOut->cue = take("pl_cue"));
+    if (m_settings.splice_cues && ok) {
+        GstElement* out = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+        GstPad* sink = out ? gst_element_get_static_pad(out, "sink_scte35") : nullptr;
+        m_pOut->cue = gst_pad_new("pl_cue", GST_PAD_SRC);
+        gst_pad_set_active(m_pOut->cue, TRUE);
+        ok = sink && gst_pad_link(m_pOut->cue, sink) == GST_PAD_LINK_OK;
+        if (sink)
+            gst_object_unref(sink);
+        if (out)
+            gst_object_unref(out);
+    }
     return ok;
 }
 
@@ -613,9 +628,10 @@ void playlist_source::finish()
     gst_app_src_end_of_stream(m_pOut->video);
     for (auto& l : m_pOut->lines)
         gst_app_src_end_of_stream(l->src);
-    for (GstAppSrc* s : {m_pOut->teletext, m_pOut->cue})
-        if (s)
-            gst_app_src_end_of_stream(s);
+    if (m_pOut->teletext)
+        gst_app_src_end_of_stream(m_pOut->teletext);
+    if (m_pOut->cue_started)
+        gst_pad_push_event(m_pOut->cue, gst_event_new_eos());
     m_bFinished = true;
 }
 
@@ -636,7 +652,19 @@ void playlist_source::send_splice_cue(uint64_t nBoundary)
         gst_buffer_fill(b, 0, &pointer, 1);
         gst_buffer_fill(b, 1, data, n);
         GST_BUFFER_PTS(b) = nBoundary;
-        gst_app_src_push_buffer(m_pOut->cue, b);
+        if (!m_pOut->cue_started) {
+            gchar* id = gst_pad_create_stream_id(m_pOut->cue, nullptr, "splice-cues");
+            gst_pad_push_event(m_pOut->cue, gst_event_new_stream_start(id));
+            g_free(id);
+            GstCaps* caps = gst_caps_new_empty_simple("application/x-scte35");
+            gst_pad_push_event(m_pOut->cue, gst_event_new_caps(caps));
+            gst_caps_unref(caps);
+            GstSegment segment;
+            gst_segment_init(&segment, GST_FORMAT_TIME);
+            gst_pad_push_event(m_pOut->cue, gst_event_new_segment(&segment));
+            m_pOut->cue_started = true;
+        }
+        gst_pad_push(m_pOut->cue, b);
         std::printf("qvjt-playout: splice cue %u at %s\n", m_nCueId, clock_text(nBoundary).c_str());
     }
     if (section)
