@@ -57,10 +57,11 @@ def frame_of_luma(luma, near):
     return best
 
 
-def build_ts(path, width, height, frames, teletext_units, cues):
-    """Writes `frames` frames of 25i video (MPEG-2, interlaced coding), MP2 audio, DVB teletext
-    (one PES a frame from teletext_units(frame)) and SCTE-35 splice_insert
-    cues [(event_id, splice running time ns)] on their own PID."""
+def build_ts(path, width, height, frames, teletext_units, cues, tones=(1000,)):
+    """Writes `frames` frames of 25i video (MPEG-2, interlaced coding), MP2 audio
+    (a stream for each tone, in Hz), DVB teletext (one PES a frame from
+    teletext_units(frame)) and SCTE-35 splice_insert cues [(event_id, splice
+    running time ns)] on their own PID."""
     Gst.init(None)
     GstMpegts.initialize()
     desc = (
@@ -69,12 +70,11 @@ def build_ts(path, width, height, frames, teletext_units, cues):
         "framerate=25/1,pixel-aspect-ratio=1/1,interlace-mode=interleaved,field-order=top-field-first "
         "! mpeg2enc format=3 interlace-mode=1 bitrate=8000 constraints=false disable-encode-retries=true "
         "! mpegvideoparse ! mux. "
-        f"audiotestsrc num-buffers={frames * 2} samplesperbuffer=960 freq=1000 volume=0.5 "
-        "! audio/x-raw,rate=48000,channels=2 ! avenc_mp2 bitrate=192000 ! mpegaudioparse ! mux. "
-        "appsrc name=tsrc format=time caps=application/x-teletext ! mux.")
+        + "".join(f"audiotestsrc num-buffers={frames * 2} samplesperbuffer=960 freq={tone} volume=0.5 "
+                  "! audio/x-raw,rate=48000,channels=2 ! avenc_mp2 bitrate=192000 ! mpegaudioparse ! mux. "
+                  for tone in tones)
+        + "appsrc name=tsrc format=time caps=application/x-teletext ! mux.")
     pipe = Gst.parse_launch(desc)
-    vsrc = pipe.get_by_name("vsrc")
-    tsrc = pipe.get_by_name("tsrc")
     mux = pipe.get_by_name("mux")
     pending = sorted(cues, key=lambda c: c[1])
 
@@ -91,23 +91,118 @@ def build_ts(path, width, height, frames, teletext_units, cues):
         return Gst.PadProbeReturn.OK
 
     mux.get_static_pad("sink_65").add_probe(Gst.PadProbeType.BUFFER, send_cues)
-    pipe.set_state(Gst.State.PLAYING)
     y = width * height
-    for f in range(frames):
-        pts = f * FRAME_NS
-        buf = Gst.Buffer.new_wrapped(bytes([luma_of(f)]) * y + bytes([128]) * (y // 2))
-        buf.pts, buf.duration = pts, FRAME_NS
-        vsrc.emit("push-buffer", buf)
-        tbuf = Gst.Buffer.new_wrapped(teletext_pes(f, teletext_units(f)))
-        tbuf.pts, tbuf.duration = pts, FRAME_NS
-        tsrc.emit("push-buffer", tbuf)
-    vsrc.emit("end-of-stream")
-    tsrc.emit("end-of-stream")
-    msg = pipe.get_bus().timed_pop_filtered(120 * Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR)
-    pipe.set_state(Gst.State.NULL)
-    if msg is None or msg.type != Gst.MessageType.EOS:
-        raise RuntimeError(f"building {path} failed: {msg.parse_error() if msg else 'timeout'}")
+    feed(pipe, path, frames, lambda f: [("vsrc", bytes([luma_of(f)]) * y + bytes([128]) * (y // 2)),
+                                        ("tsrc", teletext_pes(f, teletext_units(f)))])
     label_teletext(path)
+
+
+def feed(pipe, path, frames, buffers_of):
+    """Plays `pipe`, appsrcs into a file writer, to its end: buffers_of(f) gives
+    frame f's (appsrc name, bytes) pairs, each stamped f frames from 0 and one
+    frame long; then every appsrc fed ends and the file is written."""
+    srcs = {}
+    pipe.set_state(Gst.State.PLAYING)
+    for f in range(frames):
+        for name, data in buffers_of(f):
+            src = srcs.setdefault(name, pipe.get_by_name(name))
+            buf = Gst.Buffer.new_wrapped(data)
+            buf.pts, buf.duration = f * FRAME_NS, FRAME_NS
+            src.emit("push-buffer", buf)
+    for src in srcs.values():
+        src.emit("end-of-stream")
+    end, _ = wait_for_end(pipe, 120)
+    pipe.set_state(Gst.State.NULL)
+    if end != "eos":
+        raise RuntimeError(f"building {path} failed: {end}")
+
+
+def wait_for_end(pipe, timeout=60, on_message=None):
+    """Reads the bus until the end of the stream, an error, or `timeout` s with
+    no message: ("eos" | "error: text" | "timeout", warnings); every other
+    message goes to on_message."""
+    end, warnings = None, []
+    bus = pipe.get_bus()
+    while end is None:
+        msg = bus.timed_pop(timeout * Gst.SECOND)
+        if msg is None:
+            end = "timeout"
+        elif msg.type == Gst.MessageType.EOS:
+            end = "eos"
+        elif msg.type == Gst.MessageType.ERROR:
+            end = "error: %s" % msg.parse_error()[0].message
+        elif msg.type == Gst.MessageType.WARNING:
+            warnings.append(msg.parse_warning()[0].message)
+        elif on_message:
+            on_message(msg)
+    return end, warnings
+
+
+def pre_roll_ms(anc_payload):
+    """Pre-roll of the splice_request_data in a SCTE-104 ANC packet: payload
+    descriptor, then the multiple_operation_message (its time stamp of type 0
+    has no bytes)."""
+    msg = anc_payload[1:]
+    assert msg[10] == 0 and msg[11] >= 1 and msg[12:14] == b"\x01\x01", msg.hex()
+    data = msg[16:]  # splice_insert_type, splice_event_id, unique_program_id, pre_roll_time
+    return int.from_bytes(data[7:9], "big")
+
+
+def shown_frames(frames, per_picture):
+    """Input frame numbers in the order the board sent them, read from each
+    picture's luma; the black before the first picture is left out, and with
+    two field records a picture, each pair counts once (a pair that disagrees
+    is kept as two entries, so that it shows)."""
+    seq, near = [], 0
+    for f in frames:
+        got = frame_of_luma(f["luma"], near) if f["luma"] >= 0 else None
+        if got is None:
+            if seq:
+                seq.append(-1)
+            continue
+        seq.append(got)
+        near = got + 1
+    if per_picture == 2:
+        pairs = []
+        for i in range(0, len(seq) - 1, 2):
+            pairs += [seq[i]] if seq[i] == seq[i + 1] else [seq[i], seq[i + 1]]
+        seq = pairs
+    return seq
+
+
+def describe(order, n):
+    wrong = [(i, f) for i, f in enumerate(order[:n]) if f != i]
+    return f"{len(order)} pictures, first differences {wrong[:6]}, tail {order[n:n + 4]}"
+
+
+SAMPLES_PER_FRAME = 1920
+CLIP_LEVEL, CLIP_CLICK = 3000, 28000
+CLIP_VIDEO_CAPS = ("video/x-raw,format=UYVY,width=720,height=576,framerate=25/1,pixel-aspect-ratio=16/15,"
+                   "interlace-mode=interleaved")
+CLIP_AUDIO_CAPS = "audio/x-raw,format=S16LE,rate=48000,channels=2,layout=interleaved"
+
+
+def build_clip(path, first, frames, video=True):
+    """A clip for playlists, raw pictures and PCM in Matroska so that its sound
+    lasts exactly as long as its pictures: pictures numbered from `first` in
+    their luma; a square wave whose first sample is a click; both stamped
+    from 0. Without `video`, the sound alone."""
+    Gst.init(None)
+    desc = f"matroskamux name=mux ! filesink location={path} "
+    if video:
+        desc += f"appsrc name=v format=time caps={CLIP_VIDEO_CAPS} ! mux.video_0 "
+    pipe = Gst.parse_launch(desc + f"appsrc name=a format=time caps={CLIP_AUDIO_CAPS} ! mux.audio_0")
+
+    def buffers(f):
+        luma = luma_of(first + f)
+        pcm = bytearray()
+        for s in range(SAMPLES_PER_FRAME):
+            n = f * SAMPLES_PER_FRAME + s
+            value = CLIP_CLICK if n == 0 else (CLIP_LEVEL if (n // 24) % 2 == 0 else -CLIP_LEVEL)
+            pcm += value.to_bytes(2, "little", signed=True) * 2
+        return ([("v", bytes([128, luma, 128, luma]) * (720 * 576 // 2))] if video else []) + [("a", bytes(pcm))]
+
+    feed(pipe, path, frames, buffers)
 
 
 def have_elements(extra=()):
@@ -221,24 +316,10 @@ def build_captioned_ts(path, width, height, frames):
         "cccombiner name=cc ! x264enc speed-preset=ultrafast key-int-max=25 ! h264parse "
         f"! mpegtsmux ! filesink location={path}")
     pipe = Gst.parse_launch(desc)
-    vsrc = pipe.get_by_name("vsrc")
-    csrc = pipe.get_by_name("csrc")
-    pipe.set_state(Gst.State.PLAYING)
     y = width * height
-    for f, (f1, f2) in enumerate(caption_pairs(frames)):
-        pts = f * FRAME_NS
-        buf = Gst.Buffer.new_wrapped(bytes([luma_of(f)]) * y + bytes([128]) * (y // 2))
-        buf.pts, buf.duration = pts, FRAME_NS
-        vsrc.emit("push-buffer", buf)
-        cbuf = Gst.Buffer.new_wrapped(bytes([0xFC, f1[0], f1[1], 0xFD, f2[0], f2[1]]))
-        cbuf.pts, cbuf.duration = pts, FRAME_NS
-        csrc.emit("push-buffer", cbuf)
-    vsrc.emit("end-of-stream")
-    csrc.emit("end-of-stream")
-    msg = pipe.get_bus().timed_pop_filtered(120 * Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR)
-    pipe.set_state(Gst.State.NULL)
-    if msg is None or msg.type != Gst.MessageType.EOS:
-        raise RuntimeError(f"building {path} failed: {msg.parse_error() if msg else 'timeout'}")
+    pairs = caption_pairs(frames)
+    feed(pipe, path, frames, lambda f: [("vsrc", bytes([luma_of(f)]) * y + bytes([128]) * (y // 2)),
+                                        ("csrc", bytes([0xFC, *pairs[f][0], 0xFD, *pairs[f][1]]))])
 
 
 def captions_of_capture(records):

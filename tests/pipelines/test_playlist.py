@@ -17,46 +17,9 @@ import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import qvts  # noqa: E402
-from test_ts_playout import shown_frames, describe  # noqa: E402
 
 SKIP = 77
 CLIPS = [27, 39, 51]  # frames; 3 frames hold a whole number of 48 kHz samples and MP2 frames alike
-SAMPLES_PER_FRAME = 1920
-LEVEL, CLICK = 3000, 28000
-VIDEO_CAPS = ("video/x-raw,format=UYVY,width=720,height=576,framerate=25/1,pixel-aspect-ratio=16/15,"
-              "interlace-mode=interleaved")
-AUDIO_CAPS = "audio/x-raw,format=S16LE,rate=48000,channels=2,layout=interleaved"
-
-
-def build_clip(path, first, frames):
-    """Pictures numbered from `first` in their luma; a square wave whose first
-    sample is a click; both stamped from 0."""
-    from gi.repository import Gst
-    Gst.init(None)
-    pipe = Gst.parse_launch(
-        f"matroskamux name=mux ! filesink location={path} "
-        f"appsrc name=v format=time caps={VIDEO_CAPS} ! mux.video_0 appsrc name=a format=time caps={AUDIO_CAPS} ! mux.audio_0")
-    v, a = pipe.get_by_name("v"), pipe.get_by_name("a")
-    pipe.set_state(Gst.State.PLAYING)
-    for f in range(frames):
-        luma = qvts.luma_of(first + f)
-        buf = Gst.Buffer.new_wrapped(bytes([128, luma, 128, luma]) * (720 * 576 // 2))
-        buf.pts, buf.duration = f * qvts.FRAME_NS, qvts.FRAME_NS
-        v.emit("push-buffer", buf)
-        pcm = bytearray()
-        for s in range(SAMPLES_PER_FRAME):
-            n = f * SAMPLES_PER_FRAME + s
-            value = CLICK if n == 0 else (LEVEL if (n // 24) % 2 == 0 else -LEVEL)
-            pcm += value.to_bytes(2, "little", signed=True) * 2
-        abuf = Gst.Buffer.new_wrapped(bytes(pcm))
-        abuf.pts, abuf.duration = f * qvts.FRAME_NS, qvts.FRAME_NS
-        a.emit("push-buffer", abuf)
-    v.emit("end-of-stream")
-    a.emit("end-of-stream")
-    msg = pipe.get_bus().timed_pop_filtered(60 * Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR)
-    pipe.set_state(Gst.State.NULL)
-    if msg is None or msg.type != Gst.MessageType.EOS:
-        raise RuntimeError(f"building {path} failed: {msg.parse_error() if msg else 'timeout'}")
 
 
 def player(clips):
@@ -75,17 +38,7 @@ def play(clips):
     pipe = Gst.parse_launch(player(clips))
     out = pipe.get_by_name("out")
     pipe.set_state(Gst.State.PLAYING)
-    end, warnings = None, []
-    while end is None:
-        msg = pipe.get_bus().timed_pop(60 * Gst.SECOND)
-        if msg is None:
-            end = "timeout"
-        elif msg.type == Gst.MessageType.EOS:
-            end = "eos"
-        elif msg.type == Gst.MessageType.ERROR:
-            end = "error: %s" % msg.parse_error()[0].message
-        elif msg.type == Gst.MessageType.WARNING:
-            warnings.append(msg.parse_warning()[0].message)
+    end, warnings = qvts.wait_for_end(pipe, 60)
     restarts = out.get_property("stats").get_value("fifo-restarts")
     pipe.set_state(Gst.State.NULL)
     print("RESULT " + json.dumps({"end": end, "warnings": warnings, "restarts": restarts}))
@@ -102,11 +55,11 @@ def check(frames, audio, result):
     total = sum(CLIPS)
     expect(result["end"] == "eos", f"play-out ended with {result['end']}")
     expect(result["restarts"] == 0, f"play-out restarted {result['restarts']} time(s): {result['warnings'][:4]}")
-    order = shown_frames(frames, 2)
+    order = qvts.shown_frames(frames, 2)
     expect(order[:total] == list(range(total)) and set(order[total:]) <= {total - 1},
-           f"pictures out of order, missing or repeated: {describe(order, total)}")
+           f"pictures out of order, missing or repeated: {qvts.describe(order, total)}")
     expect(audio["longest_quiet"] == 0, f"the sound has a gap of {audio['longest_quiet']} samples")
-    expect(audio["total"] >= total * SAMPLES_PER_FRAME, f"only {audio['total']} samples went out")
+    expect(audio["total"] >= total * qvts.SAMPLES_PER_FRAME, f"only {audio['total']} samples went out")
     # Each clip's click: in the first sample of the first field of its first picture.
     starts, first = [], 0
     for n in CLIPS:
@@ -142,7 +95,7 @@ def main():
         clips, first = [], 0
         for i, n in enumerate(CLIPS):
             clips.append(os.path.join(work, f"clip{i}.mkv"))
-            build_clip(clips[-1], first, n)
+            qvts.build_clip(clips[-1], first, n)
             first += n
         cap = os.path.join(work, "out.qvcap")
         board = f"[board];kind=multi;video=/dev/video0;mode=0;pacing=realtime;capture={cap}"

@@ -63,64 +63,20 @@ def play(args):
     out.set_property("stats-interval", 200)
     result["line_map"] = out.get_property("line-map")
     pipe.set_state(Gst.State.PLAYING)
-    bus = pipe.get_bus()
-    periodic, warnings, end = 0, [], None
-    while end is None:
-        msg = bus.timed_pop(60 * Gst.SECOND)
-        if msg is None:
-            end = "timeout"
-        elif msg.type == Gst.MessageType.EOS:
-            end = "eos"
-        elif msg.type == Gst.MessageType.ERROR:
-            end = "error: %s" % msg.parse_error()[0].message
-        elif msg.type == Gst.MessageType.WARNING:
-            warnings.append(msg.parse_warning()[0].message)
-        elif msg.type == Gst.MessageType.ELEMENT and msg.get_structure().get_name() == "qvjtrenderer-stats":
-            periodic += 1
+    periodic = []
+
+    def count_stats(msg):
+        if msg.type == Gst.MessageType.ELEMENT and msg.get_structure().get_name() == "qvjtrenderer-stats":
+            periodic.append(msg)
+
+    end, warnings = qvts.wait_for_end(pipe, 60, count_stats)
     stats = out.get_property("stats")
-    result.update(end=end, periodic=periodic, warnings=warnings,
+    result.update(end=end, periodic=len(periodic), warnings=warnings,
                   stats={k: stats.get_value(k) for k in ("device-sequence", "fifo-restarts", "teletext-arrival-time",
                                                           "scte-arrival-time", "audio-lines")})
     pipe.set_state(Gst.State.NULL)
     print("RESULT " + json.dumps(result))
     return 0
-
-
-def pre_roll_ms(anc_payload):
-    """Pre-roll of the splice_request_data in a SCTE-104 ANC packet: payload
-    descriptor, then the multiple_operation_message (its time stamp of type 0
-    has no bytes)."""
-    msg = anc_payload[1:]
-    assert msg[10] == 0 and msg[11] >= 1 and msg[12:14] == b"\x01\x01", msg.hex()
-    data = msg[16:]  # splice_insert_type, splice_event_id, unique_program_id, pre_roll_time
-    return int.from_bytes(data[7:9], "big")
-
-
-def shown_frames(frames, per_picture):
-    """Input frame numbers in the order the board sent them, read from each
-    picture's luma; the black before the first picture is left out, and with
-    two field records a picture, each pair counts once (a pair that disagrees
-    is kept as two entries, so that it shows)."""
-    seq, near = [], 0
-    for f in frames:
-        got = qvts.frame_of_luma(f["luma"], near) if f["luma"] >= 0 else None
-        if got is None:
-            if seq:
-                seq.append(-1)
-            continue
-        seq.append(got)
-        near = got + 1
-    if per_picture == 2:
-        pairs = []
-        for i in range(0, len(seq) - 1, 2):
-            pairs += [seq[i]] if seq[i] == seq[i + 1] else [seq[i], seq[i + 1]]
-        seq = pairs
-    return seq
-
-
-def describe(order, n):
-    wrong = [(i, f) for i, f in enumerate(order[:n]) if f != i]
-    return f"{len(order)} pictures, first differences {wrong[:6]}, tail {order[n:n + 4]}"
 
 
 def check(variant, frames, result):
@@ -141,9 +97,9 @@ def check(variant, frames, result):
 
     # Pictures: every input frame once (both fields of it on the multi-plane
     # board), in order; only the last one is held after the end.
-    order = shown_frames(frames, 2 if v["board"] == "multi" else 1)
+    order = qvts.shown_frames(frames, 2 if v["board"] == "multi" else 1)
     expect(order[:v["frames"]] == list(range(v["frames"])) and set(order[v["frames"]:]) <= {v["frames"] - 1},
-           f"pictures out of order, missing or repeated: {describe(order, v['frames'])}")
+           f"pictures out of order, missing or repeated: {qvts.describe(order, v['frames'])}")
 
     # Teletext on its lines: SD as a waveform on the packet's own line of its
     # field; HD as OP-47 packets on the first lines of the map.
@@ -170,7 +126,7 @@ def check(variant, frames, result):
     for i, ln, p in scte[:1]:
         expect(ln == 21 or (v["board"] == "multi" and ln == 13), f"SCTE-104 on row {ln}")
         per_frame = 2 if v["board"] == "multi" else 1
-        target = i + round(pre_roll_ms(p) / 40) * per_frame
+        target = i + round(qvts.pre_roll_ms(p) / 40) * per_frame
         if target < len(frames):
             got = qvts.frame_of_luma(frames[target]["luma"], CUE_TIME // qvts.FRAME_NS)
             expect(got is not None and abs(got - CUE_TIME // qvts.FRAME_NS) <= 1,

@@ -14,6 +14,7 @@
 #include "capture_format.h"
 #include "cdp_decode.h"
 #include "png_writer.h"
+#include "vanc_text_decode.h"
 
 using namespace qvboardsim;
 
@@ -24,7 +25,8 @@ void usage()
     std::fprintf(stderr,
                  "usage: qvboardsim-inspect [--anc] [--range A-B] [--png SEQ FILE] CAPTURE\n"
                  "  --anc          list every ANC packet found in the VBI/VANC lines, with\n"
-                 "                 captions (CEA-708 cdp) and AFD/bar data decoded\n"
+                 "                 captions (CEA-708 cdp), AFD/bar data, SCTE-104 and OP-47\n"
+                 "                 teletext decoded\n"
                  "  --range A-B    print only records whose frame index is in A..B\n"
                  "  --png SEQ FILE write the frame with sequence number SEQ to a PNG file\n"
                  "                 (the two field buffers of an interlaced frame are woven)\n");
@@ -91,7 +93,7 @@ void collect_png(const CaptureHeader& h, const CapturedFrame& f, PngJob& job)
     job.done = job.have_top && job.have_bottom;
 }
 
-// What a caption or AFD packet says, on the line after the packet's own.
+// What a caption, AFD, SCTE-104 or OP-47 packet says, on the line after the packet's own.
 void print_decoded(const AncPacket& p)
 {
     if (p.did == 0x61 && p.sdid == 0x01) {
@@ -110,6 +112,9 @@ void print_decoded(const AncPacket& p)
         if (!f2.empty())
             std::printf(" field2=\"%s\"", f2.c_str());
         std::printf("\n");
+    } else if ((p.did == 0x41 && p.sdid == 0x07) || (p.did == 0x43 && p.sdid == 0x02)) {
+        for (const std::string& line : p.did == 0x41 ? describe_scte104(p.udw) : describe_op47(p.udw))
+            std::printf("      %s\n", line.c_str());
     } else if (p.did == 0x41 && p.sdid == 0x05) {
         const AfdInfo a = decode_afd(p.udw);
         if (!a.ok) {
