@@ -111,11 +111,13 @@ struct qv_renderer::loop_state {
     bool bHolding = false;
     uint64_t nHeld = 0; // frames held so far (the sound's lengths follow the frame grid)
 
-    // End of stream: the frames already queued go out before EOS is posted.
+    // End of stream: the frames already queued go out before EOS is posted;
+    // the board is fed the last picture meanwhile, and each buffer it gives
+    // back is one more frame out.
     bool bDraining = false;
+    uint32_t nDrainLeft = 0; // buffers still to come back before the last frame is out
     // When the pictures of input that is not live had pre-rolled and its sound not yet.
     steady::time_point tSoundWait{};
-    steady::time_point tDrainEnd{};
 };
 
 void qv_renderer::work_thread_separate(std::future<void>&& exit)
@@ -499,25 +501,27 @@ bool qv_renderer::next_frame(loop_state& L, uint32_t nSeq)
 
     // A flush of the pictures came while this pass waited for its buffer.
     if (m_bRebase || fetch_frame(L, nIndex) != 0) {
-        if (m_bRebase || m_bFlushing) {
+        const bool bFlushed = m_bRebase || m_bFlushing;
+        if (bFlushed || (m_bEos && !m_bEosPosted)) {
+            // The queue ran dry because of the flush or the end, not for want of input.
+            std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
+            m_fifo.set_state(fifo_ok, std::string());
+        }
+        if (bFlushed) {
             // The pictures were flushed under this pass: hold what is on air.
-            // The queue ran dry because of the flush, not for want of input.
-            {
-                std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-                m_fifo.set_state(fifo_ok, std::string());
-            }
             L.bHolding = true;
             L.bStarted = false;
             hold_frame(L);
             return true;
         }
         if (m_bEos && !m_bEosPosted) {
-            // Everything queued has been handed over; what the device
-            // still holds goes out within one ring of frames.
-            const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
+            // Everything queued has been handed over. The buffer just taken
+            // came back from the board; the rest of the ring still carries
+            // frames, the last of them the stream's last.
             L.bDraining = true;
-            L.tDrainEnd = steady::now() + (ring_frames(L.bComplex) + 1) * period;
-            return false;
+            L.nDrainLeft = std::max(ring_frames(L.bComplex), 1u) - 1;
+            hold_frame(L);
+            return true;
         }
         restart_playout(L, "a FIFO underflow", false);
         return false;
@@ -539,7 +543,7 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
         // pause here would cost a wake-up and a millisecond of margin a frame;
         // passes that did not reach the device (pre-roll, a refused buffer)
         // pause, so that they do not spin.
-        const bool bIdle = L.bDown || L.bDraining || bNoBoard;
+        const bool bIdle = L.bDown || bNoBoard;
         const auto pause = bIdle ? std::chrono::milliseconds(k_idle_wait)
                                  : std::chrono::milliseconds(L.bPaced ? 0 : 1);
         L.bPaced = false;
@@ -561,10 +565,8 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
             try_recover(L);
             continue;
         }
-        if (L.bDraining) {
-            account_idle_slots(L);
-            if (now >= L.tDrainEnd)
-                finish_eos(L);
+        if (L.bDraining && L.nDrainLeft == 0) {
+            finish_eos(L);
             continue;
         }
         if (m_bRebase.exchange(false)) {
@@ -611,7 +613,10 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
         }
         L.bStarted = !L.bHolding;
         L.bPaced = true;
-        if (L.bHolding) {
+        if (L.bDraining) {
+            --L.nDrainLeft;
+            hold_frame(L);
+        } else if (L.bHolding) {
             hold_frame(L);
         } else if (!next_frame(L, nSeq)) {
             continue;
