@@ -251,7 +251,7 @@ bool qv_fifo_engine::add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_
     return true;
 }
 
-int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size)
+int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size)
 {
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (ptsStart != 0 && ptsStart != QV_TIME_NONE) {
@@ -263,7 +263,7 @@ int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint
     return m_teletext_fifo.add_data(ptsStart, ptsStop, pData, size, nullptr) ? 1 : 0;
 }
 
-int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size,
+int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size,
                                   const qv_input_timecode* pTimeCode)
 {
     if (pData == nullptr || size == 0)
@@ -278,14 +278,14 @@ int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* 
     return m_vbi_fifo.add_data(ptsStart, ptsStop, pData, size, pTimeCode) ? 1 : 0;
 }
 
-int qv_fifo_engine::add_subtitle_frame(uint64_t /*pts*/, uint8_t* /*pData*/, size_t /*size*/)
+int qv_fifo_engine::add_subtitle_frame(uint64_t /*pts*/, const uint8_t* /*pData*/, size_t /*size*/)
 {
     // Subtitles are accepted and discarded.
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     return 1;
 }
 
-int qv_fifo_engine::add_scte104_frame(uint8_t* pData, size_t size)
+int qv_fifo_engine::add_scte104_frame(const uint8_t* pData, size_t size)
 {
     if (pData == nullptr || size == 0)
         return 0;
@@ -297,7 +297,7 @@ int qv_fifo_engine::add_scte104_frame(uint8_t* pData, size_t size)
     return m_scte104_fifo.add_data(m_video_fifo.m_nStartTime, m_video_fifo.m_nStopTime, pData, size, nullptr) ? 1 : 0;
 }
 
-int qv_fifo_engine::add_scte35_frame(uint8_t* pData, size_t size)
+int qv_fifo_engine::add_scte35_frame(const uint8_t* pData, size_t size)
 {
     if (pData == nullptr || size == 0)
         return 0;

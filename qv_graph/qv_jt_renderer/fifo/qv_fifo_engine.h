@@ -74,12 +74,12 @@ public:
                         const QVSDK::QVImage& image, unsigned long hw_time, uint64_t runningTime = QV_TIME_NONE);
     bool add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsSystemTime,
                          const QVSDK::QVSound& frame);
-    int add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size);
-    int add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size,
+    int add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size);
+    int add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size,
                       const qv_input_timecode* pTimeCode);
-    int add_subtitle_frame(uint64_t pts, uint8_t* pData, size_t size);
-    int add_scte104_frame(uint8_t* pData, size_t size);
-    int add_scte35_frame(uint8_t* pData, size_t size);
+    int add_subtitle_frame(uint64_t pts, const uint8_t* pData, size_t size);
+    int add_scte104_frame(const uint8_t* pData, size_t size);
+    int add_scte35_frame(const uint8_t* pData, size_t size);
     // A section without pointer field, as a demuxer hands it on in an event.
     // nSpliceRunningTime (ns, or none) is the running time of the section's
     // splice; with it the pre-roll counts from the running time of the newest

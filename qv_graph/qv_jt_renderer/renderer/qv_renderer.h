@@ -130,6 +130,11 @@ private:
     bool add_pad(GstPad* pPad);
     bool remove_pad(GstPad* pPad);
     uint64_t device_time_locked() const; // m_cs held
+    // m_cs held: a board is open to take the input (the sound's device when bAudio).
+    bool board_open_locked(bool bAudio) const;
+    // m_cs held: the preamble of every stamped input. False when there is no
+    // board to play to or the time starter refuses the stamp.
+    bool admit_locked(bool bAudio, uint64_t ptsStart, uint64_t ptsEnd, uint64_t& start, uint64_t& stop);
     struct loop_state; // the render thread's working state, one per thread
     void render_loop(std::future<void>& exit, bool bComplex);
     void restart_playout(loop_state& L, const char* pReason, bool bDeviceFault);
@@ -141,6 +146,8 @@ private:
     bool hwlock_due(loop_state& L, uint32_t nSeq) const; // just over a second of output since the last attempt
     bool acquire_buffer(loop_state& L, uint32_t& nSeq);
     int fetch_frame(loop_state& L, uint32_t nIndex);
+    // The teletext, SCTE-104, caption and AFD lines of the frame, whatever the board kind.
+    void write_data_lines(loop_state& L);
     bool output_frame(loop_state& L);
     void start_device_when_primed(loop_state& L);
     void finish_eos(loop_state& L);
