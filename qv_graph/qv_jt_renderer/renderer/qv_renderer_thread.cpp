@@ -357,6 +357,17 @@ const qv_timecode* qv_renderer::frame_timecode(loop_state& L)
     return &L.metadata.timecode;
 }
 
+void qv_renderer::write_data_lines(loop_state& L)
+{
+    if (!L.vbi.m_bValid)
+        return;
+    if (!L.teletext.empty())
+        write_teletext_to_vbi(L.teletext, L.vbi);
+    if (!L.scte104.empty() && !m_linesSCTE104.empty())
+        write_scte104_to_vbi(L.scte104, L.vbi);
+    write_metadata_to_vbi(L.metadata, L.vbi);
+}
+
 bool qv_renderer::output_frame(loop_state& L)
 {
     const qv_timecode* pTimecode = frame_timecode(L);
@@ -366,12 +377,7 @@ bool qv_renderer::output_frame(loop_state& L)
         } else {
             clear_vbi_area(L.vbi);
             m_mpln_device.init_vbi(L.vbi);
-            if (!L.teletext.empty() && L.vbi.m_bValid)
-                write_teletext_to_vbi(L.teletext, L.vbi);
-            if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
-                write_scte104_to_vbi(L.scte104, L.vbi);
-            if (L.vbi.m_bValid)
-                write_metadata_to_vbi(L.metadata, L.vbi);
+            write_data_lines(L);
             m_mpln_device.finish_vbi(L.vbi);
         }
         if (pTimecode)
@@ -390,12 +396,7 @@ bool qv_renderer::output_frame(loop_state& L)
         } else {
             if (!m_video_device.map_vbi(L.vbi))
                 g_print("qv_jt_renderer: can't map vbi buffer from device\n");
-            if (!L.teletext.empty() && L.vbi.m_bValid)
-                write_teletext_to_vbi(L.teletext, L.vbi);
-            if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
-                write_scte104_to_vbi(L.scte104, L.vbi);
-            if (L.vbi.m_bValid)
-                write_metadata_to_vbi(L.metadata, L.vbi);
+            write_data_lines(L);
         }
         m_video_device.unmap_vbi();
     }
