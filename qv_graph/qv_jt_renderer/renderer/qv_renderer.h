@@ -137,20 +137,20 @@ private:
     bool admit_locked(bool bAudio, uint64_t ptsStart, uint64_t ptsEnd, uint64_t& start, uint64_t& stop);
     struct loop_state; // the render thread's working state, one per thread
     void render_loop(std::future<void>& exit, bool bComplex);
-    void restart_playout(loop_state& L, const char* pReason, bool bDeviceFault);
-    void enter_down(loop_state& L, const std::string& strWhy);
-    void try_recover(loop_state& L);
-    void account_idle_slots(loop_state& L);
-    bool preroll_done(loop_state& L);
-    bool sound_prerolled(loop_state& L);
-    bool hwlock_due(loop_state& L, uint32_t nSeq) const; // just over a second of output since the last attempt
-    bool acquire_buffer(loop_state& L, uint32_t& nSeq);
-    int fetch_frame(loop_state& L, uint32_t nIndex);
+    void restart_playout(loop_state& loop, const char* pReason, bool bDeviceFault);
+    void enter_down(loop_state& loop, const std::string& strWhy);
+    void try_recover(loop_state& loop);
+    void account_idle_slots(loop_state& loop);
+    bool preroll_done(loop_state& loop);
+    bool sound_prerolled(loop_state& loop);
+    bool hwlock_due(loop_state& loop, uint32_t nSeq) const; // just over a second of output since the last attempt
+    bool acquire_buffer(loop_state& loop, uint32_t& nSeq);
+    int fetch_frame(loop_state& loop, uint32_t nIndex);
     // The teletext, SCTE-104, caption and AFD lines of the frame, whatever the board kind.
-    void write_data_lines(loop_state& L);
-    bool output_frame(loop_state& L);
-    void start_device_when_primed(loop_state& L);
-    void finish_eos(loop_state& L);
+    void write_data_lines(loop_state& loop);
+    bool output_frame(loop_state& loop);
+    void start_device_when_primed(loop_state& loop);
+    void finish_eos(loop_state& loop);
     uint32_t ring_frames(bool bComplex) const;
     // Opens the board (and ALSA beside a single-plane board) as m_cfg says; on
     // failure closes what it opened and says why in strError.
@@ -160,8 +160,8 @@ private:
     void report_timing();
     void report_lines_outside_area();
     void resolve_anc_lines(); // caption and AFD rows for the open board, clashes reported
-    void take_metadata(loop_state& L); // render thread: the shown picture's metadata
-    const qv_timecode* frame_timecode(loop_state& L); // null when the frame has none
+    void take_metadata(loop_state& loop); // render thread: the shown picture's metadata
+    const qv_timecode* frame_timecode(loop_state& loop); // null when the frame has none
     size_t fifo_depth(float fps);
     void warn_configuration(const std::string& strText); // console and bus
     void apply_line_map(); // the "line-map" text, again for the mode in force

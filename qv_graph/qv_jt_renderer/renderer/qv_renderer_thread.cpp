@@ -131,29 +131,29 @@ uint32_t qv_renderer::ring_frames(bool bComplex) const
     return m_mpln_device.get_field_order() == QVSDK::FieldOrder_Progressive ? n : n / 2;
 }
 
-void qv_renderer::account_idle_slots(loop_state& L)
+void qv_renderer::account_idle_slots(loop_state& loop)
 {
     const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
     const auto now = steady::now();
-    const auto n = (now - L.tSlotsCounted) / period;
+    const auto n = (now - loop.tSlotsCounted) / period;
     if (n <= 0)
         return;
     m_alarmDispatcher.slots_elapsed(static_cast<uint32_t>(n));
-    L.tSlotsCounted += n * period;
+    loop.tSlotsCounted += n * period;
 }
 
-void qv_renderer::enter_down(loop_state& L, const std::string& strWhy)
+void qv_renderer::enter_down(loop_state& loop, const std::string& strWhy)
 {
-    if (!L.bDown)
+    if (!loop.bDown)
         g_print("qvjtrenderer: output device lost (%s); retrying until it is back\n", strWhy.c_str());
-    L.bDown = true;
-    L.bNodeMissing = false;
-    L.strLastError = strWhy;
+    loop.bDown = true;
+    loop.bNodeMissing = false;
+    loop.strLastError = strWhy;
     m_bOutputDown = true;
     m_alarmDispatcher.set_output_down(true);
 }
 
-void qv_renderer::restart_playout(loop_state& L, const char* pReason, bool bDeviceFault)
+void qv_renderer::restart_playout(loop_state& loop, const char* pReason, bool bDeviceFault)
 {
     m_reporter.note_restart(pReason);
     m_alarmDispatcher.restart_event();
@@ -163,39 +163,39 @@ void qv_renderer::restart_playout(loop_state& L, const char* pReason, bool bDevi
         m_statistics.nSeqFromDevice = 0;
     }
     m_state = qv_stop_state;
-    L.bStarted = false;
-    L.bSeqBase = false;
-    L.nQueued = 0;
-    L.bFailing = false;
-    L.bDraining = false;
-    L.metadata = qv_frame_ancillary{};
+    loop.bStarted = false;
+    loop.bSeqBase = false;
+    loop.nQueued = 0;
+    loop.bFailing = false;
+    loop.bDraining = false;
+    loop.metadata = qv_frame_ancillary{};
 
     const auto now = steady::now();
-    if (bDeviceFault && now - L.tLastOpen < k_reopen_interval) {
+    if (bDeviceFault && now - loop.tLastOpen < k_reopen_interval) {
         // It failed again right after being reopened: reopening at once would
         // only repeat that many times a second.
         close_devices();
-        enter_down(L, pReason);
+        enter_down(loop, pReason);
         return;
     }
-    L.tLastOpen = now;
+    loop.tLastOpen = now;
     if (!reset())
-        enter_down(L, "it could not be reopened");
+        enter_down(loop, "it could not be reopened");
 }
 
-void qv_renderer::try_recover(loop_state& L)
+void qv_renderer::try_recover(loop_state& loop)
 {
     if (!node_present(m_cfg.strV4l2Name)) {
-        L.bNodeMissing = true;
+        loop.bNodeMissing = true;
         return;
     }
     // A node that just came back is opened at once; one that is there but
     // refused is retried after the back-off.
     const auto now = steady::now();
-    if (!L.bNodeMissing && now - L.tLastOpen < k_reopen_interval)
+    if (!loop.bNodeMissing && now - loop.tLastOpen < k_reopen_interval)
         return;
-    L.bNodeMissing = false;
-    L.tLastOpen = now;
+    loop.bNodeMissing = false;
+    loop.tLastOpen = now;
 
     std::string strError;
     {
@@ -207,43 +207,43 @@ void qv_renderer::try_recover(loop_state& L)
         m_time_starter.reset();
         m_pacer.restart();
         if (!open_devices(strError)) {
-            if (strError != L.strLastError)
+            if (strError != loop.strLastError)
                 g_print("qvjtrenderer: output device still unavailable: %s\n", strError.c_str());
-            L.strLastError = strError;
+            loop.strLastError = strError;
             return;
         }
     }
     g_print("qvjtrenderer: output device back\n");
-    L.bDown = false;
-    L.strLastError.clear();
+    loop.bDown = false;
+    loop.strLastError.clear();
     m_bOutputDown = false;
     m_alarmDispatcher.set_output_down(false);
 }
 
-bool qv_renderer::hwlock_due(loop_state& L, uint32_t nSeq) const
+bool qv_renderer::hwlock_due(loop_state& loop, uint32_t nSeq) const
 {
     // A device restarted numbers its frames afresh: count from there.
-    if (!L.bLockSeq || nSeq < L.nLockSeq) {
-        L.bLockSeq = true;
-        L.nLockSeq = nSeq;
+    if (!loop.bLockSeq || nSeq < loop.nLockSeq) {
+        loop.bLockSeq = true;
+        loop.nLockSeq = nSeq;
         return false;
     }
-    if (static_cast<double>(nSeq - L.nLockSeq) * 1e9 / m_fFps <= k_hwlock_interval_ns)
+    if (static_cast<double>(nSeq - loop.nLockSeq) * 1e9 / m_fFps <= k_hwlock_interval_ns)
         return false;
-    L.nLockSeq = nSeq;
+    loop.nLockSeq = nSeq;
     return true;
 }
 
-bool qv_renderer::sound_prerolled(loop_state& L)
+bool qv_renderer::sound_prerolled(loop_state& loop)
 {
     // Input that is not live pre-rolls its sound as well as its pictures: a
     // file's first samples must not come after their frame went out. A
     // linked line that brings nothing for two seconds more does not keep the
     // pictures off air.
     const auto now = steady::now();
-    if (L.tSoundWait == steady::time_point{})
-        L.tSoundWait = now;
-    if (now - L.tSoundWait > std::chrono::seconds(2))
+    if (loop.tSoundWait == steady::time_point{})
+        loop.tSoundWait = now;
+    if (now - loop.tSoundWait > std::chrono::seconds(2))
         return true;
     const int64_t nFirst = m_fifo.first_queued_frame();
     if (nFirst < 0)
@@ -259,7 +259,7 @@ bool qv_renderer::sound_prerolled(loop_state& L)
     return true;
 }
 
-bool qv_renderer::preroll_done(loop_state& L)
+bool qv_renderer::preroll_done(loop_state& loop)
 {
     const qv_video_fifo& vf = m_fifo.m_video_fifo;
     bool bEmpty;
@@ -269,7 +269,7 @@ bool qv_renderer::preroll_done(loop_state& L)
     }
     if (m_bEos && !m_bEosPosted && bEmpty) {
         // The stream ended with nothing (more) to play.
-        finish_eos(L);
+        finish_eos(loop);
         return false;
     }
     const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
@@ -278,48 +278,48 @@ bool qv_renderer::preroll_done(loop_state& L)
         m_fifo.check_audio_fifo_fullness(m_nLatency);
         return false;
     }
-    if (m_bPacedInput && !sound_prerolled(L))
+    if (m_bPacedInput && !sound_prerolled(loop))
         return false;
-    L.tSoundWait = {};
+    loop.tSoundWait = {};
     const int64_t s = m_fifo.start();
-    L.nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
-    L.bSeqBase = false;
+    loop.nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
+    loop.bSeqBase = false;
     return true;
 }
 
-bool qv_renderer::acquire_buffer(loop_state& L, uint32_t& nSeq)
+bool qv_renderer::acquire_buffer(loop_state& loop, uint32_t& nSeq)
 {
-    qv_v4l2_base_output_device& dev = L.bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
+    qv_v4l2_base_output_device& dev = loop.bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
                                                  : static_cast<qv_v4l2_base_output_device&>(m_video_device);
-    const bool bOk = L.bComplex ? m_mpln_device.can_render(nSeq) : m_video_device.map_image(nSeq, L.deviceImage);
+    const bool bOk = loop.bComplex ? m_mpln_device.can_render(nSeq) : m_video_device.map_image(nSeq, loop.deviceImage);
     if (bOk) {
-        L.bFailing = false;
+        loop.bFailing = false;
         return true;
     }
     // A bounded wait that ran out is no fault: the board simply has not sent
     // a frame yet (a stalled clock, or a test that steps it).
     if (dev.timed_out())
         return false;
-    if (!L.bFailing)
-        g_print(L.bComplex ? "qv_jt_renderer: device is not ready for next frame\n"
+    if (!loop.bFailing)
+        g_print(loop.bComplex ? "qv_jt_renderer: device is not ready for next frame\n"
                            : "qv_jt_renderer: can't map buffer from device\n");
-    L.bFailing = true;
+    loop.bFailing = true;
     return false;
 }
 
-int qv_renderer::fetch_frame(loop_state& L, uint32_t nIndex)
+int qv_renderer::fetch_frame(loop_state& loop, uint32_t nIndex)
 {
     if (m_cfg.bUseVBI) {
-        L.vbiBytes.clear();
-        L.timecode = qv_timecode{};
-        return m_fifo.map_next_data_vbi(nIndex, L.image, L.sound, L.vbiBytes, &L.timecode);
+        loop.vbiBytes.clear();
+        loop.timecode = qv_timecode{};
+        return m_fifo.map_next_data_vbi(nIndex, loop.image, loop.sound, loop.vbiBytes, &loop.timecode);
     }
-    L.teletext.clear();
-    L.scte104.clear();
-    return m_fifo.map_next_data(nIndex, L.image, L.sound, L.teletext, L.scte104);
+    loop.teletext.clear();
+    loop.scte104.clear();
+    return m_fifo.map_next_data(nIndex, loop.image, loop.sound, loop.teletext, loop.scte104);
 }
 
-void qv_renderer::take_metadata(loop_state& L)
+void qv_renderer::take_metadata(loop_state& loop)
 {
     int64_t nShown;
     {
@@ -330,8 +330,8 @@ void qv_renderer::take_metadata(loop_state& L)
         nShown = pItem->index;
     }
     std::string strWhy;
-    const auto taken = m_ancillary.take(nShown, m_cc_queue, L.metadata, strWhy);
-    if (taken.nBad > 0 && !L.bBadCaptions) {
+    const auto taken = m_ancillary.take(nShown, m_cc_queue, loop.metadata, strWhy);
+    if (taken.nBad > 0 && !loop.bBadCaptions) {
         g_print("qv_jt_renderer: caption metadata dropped (%s); the pictures go on, further malformed captions "
                 "are dropped silently until good ones come\n",
                 strWhy.c_str());
@@ -340,63 +340,63 @@ void qv_renderer::take_metadata(loop_state& L)
                             (nullptr));
     }
     if (taken.nBad > 0)
-        L.bBadCaptions = true;
+        loop.bBadCaptions = true;
     else if (taken.nBlocks > 0)
-        L.bBadCaptions = false;
+        loop.bBadCaptions = false;
 }
 
 // The time code of the frame: the VBI pad's, else the picture's own.
-const qv_timecode* qv_renderer::frame_timecode(loop_state& L)
+const qv_timecode* qv_renderer::frame_timecode(loop_state& loop)
 {
-    if (m_cfg.bUseVBI && L.timecode.bValid)
-        return &L.timecode;
-    if (!L.metadata.timecode.bValid)
+    if (m_cfg.bUseVBI && loop.timecode.bValid)
+        return &loop.timecode;
+    if (!loop.metadata.timecode.bValid)
         return nullptr;
     std::lock_guard<std::mutex> lock(m_statistics.m_cs);
-    m_statistics.m_vbi.strTimecode = L.metadata.strTimecode;
-    return &L.metadata.timecode;
+    m_statistics.m_vbi.strTimecode = loop.metadata.strTimecode;
+    return &loop.metadata.timecode;
 }
 
-void qv_renderer::write_data_lines(loop_state& L)
+void qv_renderer::write_data_lines(loop_state& loop)
 {
-    if (!L.vbi.m_bValid)
+    if (!loop.vbi.m_bValid)
         return;
-    if (!L.teletext.empty())
-        write_teletext_to_vbi(L.teletext, L.vbi);
-    if (!L.scte104.empty() && !m_linesSCTE104.empty())
-        write_scte104_to_vbi(L.scte104, L.vbi);
-    write_metadata_to_vbi(L.metadata, L.vbi);
+    if (!loop.teletext.empty())
+        write_teletext_to_vbi(loop.teletext, loop.vbi);
+    if (!loop.scte104.empty() && !m_linesSCTE104.empty())
+        write_scte104_to_vbi(loop.scte104, loop.vbi);
+    write_metadata_to_vbi(loop.metadata, loop.vbi);
 }
 
-bool qv_renderer::output_frame(loop_state& L)
+bool qv_renderer::output_frame(loop_state& loop)
 {
-    const qv_timecode* pTimecode = frame_timecode(L);
-    if (L.bComplex) {
+    const qv_timecode* pTimecode = frame_timecode(loop);
+    if (loop.bComplex) {
         if (m_cfg.bUseVBI) {
-            m_mpln_device.push_vbi(L.vbiBytes.data(), L.vbiBytes.size());
+            m_mpln_device.push_vbi(loop.vbiBytes.data(), loop.vbiBytes.size());
         } else {
-            clear_vbi_area(L.vbi);
-            m_mpln_device.init_vbi(L.vbi);
-            write_data_lines(L);
-            m_mpln_device.finish_vbi(L.vbi);
+            clear_vbi_area(loop.vbi);
+            m_mpln_device.init_vbi(loop.vbi);
+            write_data_lines(loop);
+            m_mpln_device.finish_vbi(loop.vbi);
         }
         if (pTimecode)
             m_mpln_device.set_timecode(*pTimecode);
-        m_mpln_device.push_audio(L.sound);
-        m_mpln_device.push_image(L.image);
+        m_mpln_device.push_audio(loop.sound);
+        m_mpln_device.push_image(loop.image);
         return m_mpln_device.send_data();
     }
 
-    L.image.copyTo(L.deviceImage);
+    loop.image.copyTo(loop.deviceImage);
     if (m_video_device.is_vbi_open()) {
-        clear_vbi_area(L.vbi);
+        clear_vbi_area(loop.vbi);
         if (m_cfg.bUseVBI) {
-            if (m_video_device.map_vbi(L.vbi))
-                write_vbi_to_vbi(L.vbiBytes, L.vbi);
+            if (m_video_device.map_vbi(loop.vbi))
+                write_vbi_to_vbi(loop.vbiBytes, loop.vbi);
         } else {
-            if (!m_video_device.map_vbi(L.vbi))
+            if (!m_video_device.map_vbi(loop.vbi))
                 g_print("qv_jt_renderer: can't map vbi buffer from device\n");
-            write_data_lines(L);
+            write_data_lines(loop);
         }
         m_video_device.unmap_vbi();
     }
@@ -405,17 +405,17 @@ bool qv_renderer::output_frame(loop_state& L)
     return m_video_device.unmap_image();
 }
 
-void qv_renderer::start_device_when_primed(loop_state& L)
+void qv_renderer::start_device_when_primed(loop_state& loop)
 {
     if (m_state != qv_stop_state)
         return;
     // Streaming starts with the first frame queued; the rest of the ring is
     // lent buffers that the next passes fill at once, long before the board's
     // second slot.
-    if (L.nQueued == 0)
+    if (loop.nQueued == 0)
         return;
     g_print("qvjtrenderer: start device\n");
-    if (L.bComplex) {
+    if (loop.bComplex) {
         // A failed start shows in the next buffer requests, which restart the device.
         if (m_mpln_device.is_open() && !m_mpln_device.start_device())
             g_print("qv_jt_renderer: can't start video device\n");
@@ -428,9 +428,9 @@ void qv_renderer::start_device_when_primed(loop_state& L)
     m_state = qv_run_state;
 }
 
-void qv_renderer::finish_eos(loop_state& L)
+void qv_renderer::finish_eos(loop_state& loop)
 {
-    L.bDraining = false;
+    loop.bDraining = false;
     m_bEosPosted = true;
     g_print("qvjtrenderer: end of stream\n");
     GstElement* pElement = GST_ELEMENT(m_pElement);
@@ -443,18 +443,18 @@ void qv_renderer::finish_eos(loop_state& L)
     gst_element_post_message(pElement, pMsg);
     // Back to waiting for input, with the device stopped rather than underrunning.
     m_state = qv_stop_state;
-    L.bStarted = false;
-    L.bSeqBase = false;
-    L.nQueued = 0;
-    L.metadata = qv_frame_ancillary{};
-    L.tLastOpen = steady::now();
+    loop.bStarted = false;
+    loop.bSeqBase = false;
+    loop.nQueued = 0;
+    loop.metadata = qv_frame_ancillary{};
+    loop.tLastOpen = steady::now();
     if (!reset())
-        enter_down(L, "it could not be reopened");
+        enter_down(loop, "it could not be reopened");
 }
 
 void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
 {
-    loop_state L(bComplex);
+    loop_state loop(bComplex);
     const bool bNoBoard = m_cfg.strV4l2Name.empty();
     qv_v4l2_base_output_device& dev = bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
                                                : static_cast<qv_v4l2_base_output_device&>(m_video_device);
@@ -464,111 +464,111 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
         // pause here would cost a wake-up and a millisecond of margin a frame;
         // passes that did not reach the device (pre-roll, a refused buffer)
         // pause, so that they do not spin.
-        const bool bIdle = L.bDown || L.bDraining || bNoBoard;
+        const bool bIdle = loop.bDown || loop.bDraining || bNoBoard;
         const auto pause = bIdle ? std::chrono::milliseconds(k_idle_wait)
-                                 : std::chrono::milliseconds(L.bPaced ? 0 : 1);
-        L.bPaced = false;
+                                 : std::chrono::milliseconds(loop.bPaced ? 0 : 1);
+        loop.bPaced = false;
         if (exit.wait_for(pause) == std::future_status::ready)
             break;
         const auto now = steady::now();
         {
             std::lock_guard<std::mutex> lock(m_statistics.m_cs);
             m_statistics.m_nSystemTime =
-                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - L.tStart).count());
+                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - loop.tStart).count());
         }
         if (bNoBoard) {
             // Nothing to play to: the inputs are still watched.
-            account_idle_slots(L);
+            account_idle_slots(loop);
             continue;
         }
-        if (L.bDown) {
-            account_idle_slots(L);
-            try_recover(L);
+        if (loop.bDown) {
+            account_idle_slots(loop);
+            try_recover(loop);
             continue;
         }
-        if (L.bDraining) {
-            account_idle_slots(L);
-            if (now >= L.tDrainEnd)
-                finish_eos(L);
+        if (loop.bDraining) {
+            account_idle_slots(loop);
+            if (now >= loop.tDrainEnd)
+                finish_eos(loop);
             continue;
         }
         if (m_bFlush.exchange(false)) {
-            L.tLastOpen = now;
+            loop.tLastOpen = now;
             m_state = qv_stop_state;
-            L.bStarted = false;
-            L.nQueued = 0;
-            L.metadata = qv_frame_ancillary{};
+            loop.bStarted = false;
+            loop.nQueued = 0;
+            loop.metadata = qv_frame_ancillary{};
             if (!reset())
-                enter_down(L, "it could not be reopened");
+                enter_down(loop, "it could not be reopened");
             continue;
         }
         if (m_fifo.m_state != fifo_ok) {
-            restart_playout(L, m_fifo.m_state == fifo_underflow ? "a FIFO underflow" : "a FIFO overflow", false);
+            restart_playout(loop, m_fifo.m_state == fifo_underflow ? "a FIFO underflow" : "a FIFO overflow", false);
             continue;
         }
-        if (!L.bStarted) {
-            account_idle_slots(L);
-            if (!preroll_done(L))
+        if (!loop.bStarted) {
+            account_idle_slots(loop);
+            if (!preroll_done(loop))
                 continue;
         }
         uint32_t nSeq = 0;
-        if (!acquire_buffer(L, nSeq)) {
-            L.bStarted = true;
-            account_idle_slots(L);
+        if (!acquire_buffer(loop, nSeq)) {
+            loop.bStarted = true;
+            account_idle_slots(loop);
             if (dev.needs_restart() || !dev.is_open())
-                restart_playout(L, "an output device failure", true);
+                restart_playout(loop, "an output device failure", true);
             continue;
         }
-        L.bStarted = true;
-        L.bPaced = true;
+        loop.bStarted = true;
+        loop.bPaced = true;
         // The device numbers its frames its own way (from 0 or from 1, lent
         // buffers included): only the distance from the first one counts.
-        if (!L.bSeqBase) {
-            L.bSeqBase = true;
-            L.nSeqBase = nSeq;
+        if (!loop.bSeqBase) {
+            loop.bSeqBase = true;
+            loop.nSeqBase = nSeq;
         }
-        uint32_t nIndex = L.nStartIndex + (nSeq - L.nSeqBase);
+        uint32_t nIndex = loop.nStartIndex + (nSeq - loop.nSeqBase);
 
-        if (bComplex && m_bUseHWLock && hwlock_due(L, nSeq)) {
-            L.bLocked = tryHWLock(nIndex, L.nHWCorrection);
+        if (bComplex && m_bUseHWLock && hwlock_due(loop, nSeq)) {
+            loop.bLocked = tryHWLock(nIndex, loop.nHWCorrection);
         }
-        if (bComplex && L.bLocked && L.nHWCorrection != 0) {
-            if (L.nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(L.nHWCorrection)) >= nIndex)
+        if (bComplex && loop.bLocked && loop.nHWCorrection != 0) {
+            if (loop.nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(loop.nHWCorrection)) >= nIndex)
                 nIndex = 0;
             else
-                nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + L.nHWCorrection);
+                nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + loop.nHWCorrection);
         }
 
-        if (fetch_frame(L, nIndex) != 0) {
+        if (fetch_frame(loop, nIndex) != 0) {
             if (m_bEos && !m_bEosPosted) {
                 // Everything queued has been handed over; what the device
                 // still holds goes out within one ring of frames.
                 const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
-                L.bDraining = true;
-                L.tDrainEnd = steady::now() + (ring_frames(bComplex) + 1) * period;
+                loop.bDraining = true;
+                loop.tDrainEnd = steady::now() + (ring_frames(bComplex) + 1) * period;
                 continue;
             }
-            restart_playout(L, "a FIFO underflow", false);
+            restart_playout(loop, "a FIFO underflow", false);
             continue;
         }
         m_pacer.output_at(nIndex);
-        take_metadata(L);
-        if (!output_frame(L)) {
+        take_metadata(loop);
+        if (!output_frame(loop)) {
             if (dev.needs_restart())
-                restart_playout(L, "an output device failure", true);
+                restart_playout(loop, "an output device failure", true);
             continue;
         }
         m_alarmDispatcher.frame_event();
-        L.tSlotsCounted = steady::now();
-        ++L.nQueued;
+        loop.tSlotsCounted = steady::now();
+        ++loop.nQueued;
 
-        if (!bComplex && m_audio_device.is_open() && !m_audio_device.write(L.sound)) {
-            restart_playout(L, "an ALSA write failure", true);
+        if (!bComplex && m_audio_device.is_open() && !m_audio_device.write(loop.sound)) {
+            restart_playout(loop, "an ALSA write failure", true);
             continue;
         }
-        start_device_when_primed(L);
-        if (m_state == qv_run_state && ++L.nSinceWatchdog >= watchdog_period_frames(m_fFps)) {
-            L.nSinceWatchdog = 0;
+        start_device_when_primed(loop);
+        if (m_state == qv_run_state && ++loop.nSinceWatchdog >= watchdog_period_frames(m_fFps)) {
+            loop.nSinceWatchdog = 0;
             dev.check_watchdog();
         }
     }
