@@ -164,6 +164,28 @@ int64_t qv_fifo_engine::first_queued_frame()
     return m_video_fifo.queued() ? m_video_fifo.m_video_fifo.front()->index : -1;
 }
 
+bool qv_fifo_engine::shown_frame(int64_t& nFrame)
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    if (!m_video_fifo.m_pItem)
+        return false;
+    nFrame = m_video_fifo.m_pItem->index;
+    return true;
+}
+
+int64_t qv_fifo_engine::last_frame_number()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    return m_video_fifo.m_nLastFrameNumber;
+}
+
+uint32_t qv_fifo_engine::buffered_ms() const
+{
+    // The two indices are atomic and the rate is set before play-out: no lock.
+    const qv_video_fifo& vf = m_video_fifo;
+    return static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
+}
+
 int64_t qv_fifo_engine::start()
 {
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);

@@ -11,6 +11,7 @@
 #include "QVPLL.h"
 #include "qv_alarms_dispatcher.h"
 #include "qv_audio_fifo.h"
+#include "qv_fifo_source.h"
 #include "qv_pi_mutex.h"
 #include "qv_renderer_statistics.h"
 #include "qv_template_fifo.h"
@@ -38,7 +39,7 @@ enum e_pll_stream {
 // Reports silent edges of a sound buffer on the console (diagnostic).
 void PrintAudioInfo(const char* tag, const QVSDK::QVSound& sound);
 
-class qv_fifo_engine {
+class qv_fifo_engine : public qv_fifo_source {
 public:
     using target_fn = std::function<bool(const QVSDK::QVImage&, const QVSDK::QVSound&)>;
 
@@ -57,13 +58,17 @@ public:
     int alloc_fifo(size_t frames);
     void dealloc_fifo();
 
-    void reset();
-    // First output frame number (clamped at 0), or -1 when no picture is queued.
-    int64_t start();
-    // The audio line has received its sound up to the start of output frame n.
-    bool audio_line_covers(unsigned nLine, uint64_t nFrame);
-    // The frame number of the oldest queued picture; -1 when none is queued.
-    int64_t first_queued_frame();
+    // The render loop's side (qv_fifo_source).
+    void reset() override;
+    int64_t start() override;
+    bool audio_line_covers(unsigned nLine, uint64_t nFrame) override;
+    int64_t first_queued_frame() override;
+    bool shown_frame(int64_t& nFrame) override;
+    uint32_t buffered_ms() const override;
+    qv_fifo_state state() const override { return m_state; }
+    // The number given to the newest picture added (or, for one dropped, to its
+    // predecessor); -1 when none since the reset.
+    int64_t last_frame_number();
     void add_target(const target_fn& target);
 
     // Producers. Dropped input (no stamp, no line, no video yet) counts as success;
@@ -88,11 +93,11 @@ public:
 
     // Consumers (render thread). Return the resulting qv_fifo_state.
     int map_next_data(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>& teletext,
-                      std::vector<uint8_t>& scte104);
+                      std::vector<uint8_t>& scte104) override;
     int map_next_data_vbi(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>& vbi,
-                          qv_timecode* tc);
+                          qv_timecode* tc) override;
     bool map_video_audio(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound);
-    void check_audio_fifo_fullness(unsigned latencyMs);
+    void check_audio_fifo_fullness(unsigned latencyMs) override;
 
     // Time shifting through the smoothing loop (caller holds m_csFifo).
     void update_time(uint64_t& ptsStart, uint64_t& ptsStop);
@@ -100,7 +105,7 @@ public:
     void set_state(const qv_fifo_state& state, const std::string& reason);
 
     // Locked snapshot of the video FIFO's hardware-time rows.
-    std::vector<qv_fifo_item_stat> getHWstat();
+    std::vector<qv_fifo_item_stat> getHWstat() override;
 
     std::list<target_fn> m_listTargets;
 

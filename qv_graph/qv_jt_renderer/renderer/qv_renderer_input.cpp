@@ -77,19 +77,12 @@ int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dt
         // Only this thread numbers pictures: the FIFO's last number is this
         // picture's (or, for one it dropped, its predecessor's, whose record
         // then carries the captions on all the same).
-        int64_t nIndex;
-        {
-            std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-            nIndex = m_fifo.m_video_fifo.m_nLastFrameNumber;
-        }
-        m_ancillary.push(nIndex, std::move(*pAncillary));
+        m_ancillary.push(m_fifo.last_frame_number(), std::move(*pAncillary));
     }
     // Play-out will begin at the first picture, wherever the other streams began.
-    {
-        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-        if (m_fifo.m_video_fifo.queued() > 0)
-            m_pacer.anchor(m_fifo.m_video_fifo.m_video_fifo.front()->index);
-    }
+    const int64_t nFirst = m_fifo.first_queued_frame();
+    if (nFirst >= 0)
+        m_pacer.anchor(nFirst);
     return ret;
 }
 

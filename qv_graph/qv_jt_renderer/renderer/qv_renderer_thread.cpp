@@ -261,18 +261,13 @@ bool qv_renderer::sound_prerolled(loop_state& loop)
 
 bool qv_renderer::preroll_done(loop_state& loop)
 {
-    const qv_video_fifo& vf = m_fifo.m_video_fifo;
-    bool bEmpty;
-    {
-        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-        bEmpty = vf.queued() == 0;
-    }
+    const bool bEmpty = m_fifo.first_queued_frame() < 0;
     if (m_bEos && !m_bEosPosted && bEmpty) {
         // The stream ended with nothing (more) to play.
         finish_eos(loop);
         return false;
     }
-    const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
+    const uint32_t nBuffered = m_fifo.buffered_ms();
     // At the end of a stream there is no more to wait for: play what is there.
     if (nBuffered < m_nLatency && !(m_bEos && !m_bEosPosted)) {
         m_fifo.check_audio_fifo_fullness(m_nLatency);
@@ -321,14 +316,9 @@ int qv_renderer::fetch_frame(loop_state& loop, uint32_t nIndex)
 
 void qv_renderer::take_metadata(loop_state& loop)
 {
-    int64_t nShown;
-    {
-        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-        const auto& pItem = m_fifo.m_video_fifo.m_pItem;
-        if (!pItem)
-            return;
-        nShown = pItem->index;
-    }
+    int64_t nShown = 0;
+    if (!m_fifo.shown_frame(nShown))
+        return;
     std::string strWhy;
     const auto taken = m_ancillary.take(nShown, m_cc_queue, loop.metadata, strWhy);
     if (taken.nBad > 0 && !loop.bBadCaptions) {
@@ -502,8 +492,8 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
                 enter_down(loop, "it could not be reopened");
             continue;
         }
-        if (m_fifo.m_state != fifo_ok) {
-            restart_playout(loop, m_fifo.m_state == fifo_underflow ? "a FIFO underflow" : "a FIFO overflow", false);
+        if (const qv_fifo_state eState = m_fifo.state(); eState != fifo_ok) {
+            restart_playout(loop, eState == fifo_underflow ? "a FIFO underflow" : "a FIFO overflow", false);
             continue;
         }
         if (!loop.bStarted) {
