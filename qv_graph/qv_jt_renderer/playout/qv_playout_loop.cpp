@@ -9,9 +9,9 @@
 // node comes back, about once a second while the node is there but refuses),
 // and the inputs' silence is counted in output frame slots even while nothing
 // goes out.
-#include "qv_renderer.h"
+#include "qv_playout_core.h"
 
-#include "gstqvjtrenderer.h"
+#include <glib.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -67,7 +67,7 @@ bool node_present(const std::string& strName)
 
 } // namespace
 
-struct qv_renderer::loop_state {
+struct qv_playout_core::loop_state {
     explicit loop_state(bool complex) : bComplex(complex) {}
 
     const bool bComplex;
@@ -113,17 +113,12 @@ struct qv_renderer::loop_state {
     steady::time_point tDrainEnd{};
 };
 
-void qv_renderer::work_thread_separate(std::future<void>&& exit)
+qv_playout_core::qv_playout_core(const qv_playout_parts& parts, qv_playout_callbacks callbacks)
+    : qv_playout_parts(parts), m_callbacks(std::move(callbacks))
 {
-    render_loop(exit, false);
 }
 
-void qv_renderer::work_thread_complex(std::future<void>&& exit)
-{
-    render_loop(exit, true);
-}
-
-uint32_t qv_renderer::ring_frames(bool bComplex) const
+uint32_t qv_playout_core::ring_frames(bool bComplex) const
 {
     if (!bComplex)
         return m_video_device.get_buffer_count();
@@ -131,7 +126,7 @@ uint32_t qv_renderer::ring_frames(bool bComplex) const
     return m_mpln_device.get_field_order() == QVSDK::FieldOrder_Progressive ? n : n / 2;
 }
 
-void qv_renderer::account_idle_slots(loop_state& loop)
+void qv_playout_core::account_idle_slots(loop_state& loop)
 {
     const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
     const auto now = steady::now();
@@ -142,7 +137,7 @@ void qv_renderer::account_idle_slots(loop_state& loop)
     loop.tSlotsCounted += n * period;
 }
 
-void qv_renderer::enter_down(loop_state& loop, const std::string& strWhy)
+void qv_playout_core::enter_down(loop_state& loop, const std::string& strWhy)
 {
     if (!loop.bDown)
         g_print("qvjtrenderer: output device lost (%s); retrying until it is back\n", strWhy.c_str());
@@ -153,9 +148,10 @@ void qv_renderer::enter_down(loop_state& loop, const std::string& strWhy)
     m_alarmDispatcher.set_output_down(true);
 }
 
-void qv_renderer::restart_playout(loop_state& loop, const char* pReason, bool bDeviceFault)
+void qv_playout_core::restart_playout(loop_state& loop, const char* pReason, bool bDeviceFault)
 {
-    m_reporter.note_restart(pReason);
+    if (m_callbacks.restarted)
+        m_callbacks.restarted(pReason);
     m_alarmDispatcher.restart_event();
     {
         std::lock_guard<std::mutex> lock(m_statistics.m_cs);
@@ -183,7 +179,7 @@ void qv_renderer::restart_playout(loop_state& loop, const char* pReason, bool bD
         enter_down(loop, "it could not be reopened");
 }
 
-void qv_renderer::try_recover(loop_state& loop)
+void qv_playout_core::try_recover(loop_state& loop)
 {
     if (!node_present(m_cfg.strV4l2Name)) {
         loop.bNodeMissing = true;
@@ -220,7 +216,7 @@ void qv_renderer::try_recover(loop_state& loop)
     m_alarmDispatcher.set_output_down(false);
 }
 
-bool qv_renderer::hwlock_due(loop_state& loop, uint32_t nSeq) const
+bool qv_playout_core::hwlock_due(loop_state& loop, uint32_t nSeq) const
 {
     // A device restarted numbers its frames afresh: count from there.
     if (!loop.bLockSeq || nSeq < loop.nLockSeq) {
@@ -234,7 +230,7 @@ bool qv_renderer::hwlock_due(loop_state& loop, uint32_t nSeq) const
     return true;
 }
 
-bool qv_renderer::sound_prerolled(loop_state& loop)
+bool qv_playout_core::sound_prerolled(loop_state& loop)
 {
     // Input that is not live pre-rolls its sound as well as its pictures: a
     // file's first samples must not come after their frame went out. A
@@ -248,18 +244,15 @@ bool qv_renderer::sound_prerolled(loop_state& loop)
     const int64_t nFirst = m_fifo.first_queued_frame();
     if (nFirst < 0)
         return true;
-    std::lock_guard<std::mutex> lock(m_csEos);
-    for (const auto& p : m_list_audio_pad) {
-        GstPad* pPad = p->pad.get();
-        if (!isConnect(pPad) || std::find(m_eosPads.begin(), m_eosPads.end(), pPad) != m_eosPads.end())
-            continue;
-        if (!m_fifo.audio_line_covers(static_cast<unsigned>(p->nIndex), static_cast<uint64_t>(nFirst) + 2))
+    if (!m_callbacks.awaited_audio_lines)
+        return true;
+    for (const unsigned nLine : m_callbacks.awaited_audio_lines())
+        if (!m_fifo.audio_line_covers(nLine, static_cast<uint64_t>(nFirst) + 2))
             return false;
-    }
     return true;
 }
 
-bool qv_renderer::preroll_done(loop_state& loop)
+bool qv_playout_core::preroll_done(loop_state& loop)
 {
     const bool bEmpty = m_fifo.first_queued_frame() < 0;
     if (m_bEos && !m_bEosPosted && bEmpty) {
@@ -282,7 +275,7 @@ bool qv_renderer::preroll_done(loop_state& loop)
     return true;
 }
 
-bool qv_renderer::acquire_buffer(loop_state& loop, uint32_t& nSeq)
+bool qv_playout_core::acquire_buffer(loop_state& loop, uint32_t& nSeq)
 {
     qv_v4l2_base_output_device& dev = loop.bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
                                                  : static_cast<qv_v4l2_base_output_device&>(m_video_device);
@@ -302,7 +295,7 @@ bool qv_renderer::acquire_buffer(loop_state& loop, uint32_t& nSeq)
     return false;
 }
 
-int qv_renderer::fetch_frame(loop_state& loop, uint32_t nIndex)
+int qv_playout_core::fetch_frame(loop_state& loop, uint32_t nIndex)
 {
     if (m_cfg.bUseVBI) {
         loop.vbiBytes.clear();
@@ -314,7 +307,7 @@ int qv_renderer::fetch_frame(loop_state& loop, uint32_t nIndex)
     return m_fifo.map_next_data(nIndex, loop.image, loop.sound, loop.teletext, loop.scte104);
 }
 
-void qv_renderer::take_metadata(loop_state& loop)
+void qv_playout_core::take_metadata(loop_state& loop)
 {
     int64_t nShown = 0;
     if (!m_fifo.shown_frame(nShown))
@@ -325,9 +318,8 @@ void qv_renderer::take_metadata(loop_state& loop)
         g_print("qv_jt_renderer: caption metadata dropped (%s); the pictures go on, further malformed captions "
                 "are dropped silently until good ones come\n",
                 strWhy.c_str());
-        GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), STREAM, FORMAT,
-                            ("sink_video: caption metadata dropped, %s; play-out goes on", strWhy.c_str()),
-                            (nullptr));
+        if (m_callbacks.caption_warning)
+            m_callbacks.caption_warning(strWhy);
     }
     if (taken.nBad > 0)
         loop.bBadCaptions = true;
@@ -336,7 +328,7 @@ void qv_renderer::take_metadata(loop_state& loop)
 }
 
 // The time code of the frame: the VBI pad's, else the picture's own.
-const qv_timecode* qv_renderer::frame_timecode(loop_state& loop)
+const qv_timecode* qv_playout_core::frame_timecode(loop_state& loop)
 {
     if (m_cfg.bUseVBI && loop.timecode.bValid)
         return &loop.timecode;
@@ -347,7 +339,7 @@ const qv_timecode* qv_renderer::frame_timecode(loop_state& loop)
     return &loop.metadata.timecode;
 }
 
-void qv_renderer::write_data_lines(loop_state& loop)
+void qv_playout_core::write_data_lines(loop_state& loop)
 {
     if (!loop.vbi.m_bValid)
         return;
@@ -358,7 +350,7 @@ void qv_renderer::write_data_lines(loop_state& loop)
     write_metadata_to_vbi(loop.metadata, loop.vbi);
 }
 
-bool qv_renderer::output_frame(loop_state& loop)
+bool qv_playout_core::output_frame(loop_state& loop)
 {
     const qv_timecode* pTimecode = frame_timecode(loop);
     if (loop.bComplex) {
@@ -395,7 +387,7 @@ bool qv_renderer::output_frame(loop_state& loop)
     return m_video_device.unmap_image();
 }
 
-void qv_renderer::start_device_when_primed(loop_state& loop)
+void qv_playout_core::start_device_when_primed(loop_state& loop)
 {
     if (m_state != qv_stop_state)
         return;
@@ -418,19 +410,13 @@ void qv_renderer::start_device_when_primed(loop_state& loop)
     m_state = qv_run_state;
 }
 
-void qv_renderer::finish_eos(loop_state& loop)
+void qv_playout_core::finish_eos(loop_state& loop)
 {
     loop.bDraining = false;
     m_bEosPosted = true;
     g_print("qvjtrenderer: end of stream\n");
-    GstElement* pElement = GST_ELEMENT(m_pElement);
-    GstMessage* pMsg = gst_message_new_eos(GST_OBJECT(pElement));
-    {
-        std::lock_guard<std::mutex> lock(m_csEos);
-        if (m_nEosSeqnum != 0)
-            gst_message_set_seqnum(pMsg, m_nEosSeqnum);
-    }
-    gst_element_post_message(pElement, pMsg);
+    if (m_callbacks.end_of_stream)
+        m_callbacks.end_of_stream();
     // Back to waiting for input, with the device stopped rather than underrunning.
     m_state = qv_stop_state;
     loop.bStarted = false;
@@ -442,7 +428,7 @@ void qv_renderer::finish_eos(loop_state& loop)
         enter_down(loop, "it could not be reopened");
 }
 
-void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
+void qv_playout_core::render_loop(std::future<void>& exit, bool bComplex)
 {
     loop_state loop(bComplex);
     const bool bNoBoard = m_cfg.strV4l2Name.empty();

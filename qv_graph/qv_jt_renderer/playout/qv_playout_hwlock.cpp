@@ -1,6 +1,8 @@
 // Lock of the output frame index to the input hardware time (multi-plane boards).
 // Every message goes through g_print, like the rest of the play-out's console.
-#include "qv_renderer.h"
+#include "qv_playout_core.h"
+
+#include <glib.h>
 
 #include <chrono>
 #include <cmath>
@@ -9,7 +11,7 @@ namespace {
 using steady = std::chrono::steady_clock;
 }
 
-bool qv_renderer::tryHWLock(uint32_t index, int32_t& correction)
+bool qv_playout_core::tryHWLock(uint32_t index, int32_t& correction)
 {
     const uint32_t lastFrameHW = m_mpln_device.get_last_frame_hw();
     if (lastFrameHW == 0)
@@ -74,7 +76,7 @@ bool qv_renderer::tryHWLock(uint32_t index, int32_t& correction)
     return true;
 }
 
-void qv_renderer::PrintStat(uint32_t index, int32_t correction, uint32_t hw, uint32_t lastFrameHW,
+void qv_playout_core::PrintStat(uint32_t index, int32_t correction, uint32_t hw, uint32_t lastFrameHW,
                             const std::vector<qv_fifo_item_stat>& stat)
 {
     for (const auto& item : stat)
