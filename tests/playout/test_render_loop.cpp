@@ -96,6 +96,7 @@ TEST(RenderLoop, EndOfStreamDrainsThenReportsOnce)
         r.bEos = false;
         r.bEosPosted = false;
         r.bFlush = true;
+        ASSERT_TRUE(r.step_until([&] { return !r.bFlush; }, 20, false));
         const uint64_t nBefore = r.sent();
         EXPECT_TRUE(r.step_until([&] { return r.sent() >= nBefore + 5; }, 60));
         r.stop();
