@@ -30,6 +30,7 @@ TEST(RenderLoop, AlsaWriteFailureRestartsThePlayout)
     r.open();
     r.start(false);
     ASSERT_TRUE(r.step_until([&] { return r.sent() >= 5; }, 50));
+    print_capture console;
     alsa_faults::refuse_writes(EIO);
     const bool bRestarted = r.step_until([&] { return r.restarts() > 0; }, 20);
     alsa_faults::refuse_writes(0);
@@ -39,6 +40,7 @@ TEST(RenderLoop, AlsaWriteFailureRestartsThePlayout)
     r.stop();
     ASSERT_FALSE(r.restartReasons.empty());
     EXPECT_EQ(r.restartReasons.front(), "an ALSA write failure");
+    EXPECT_TRUE(console.contains("qvjtrenderer: qv_alsa_output_device::snd_pcm_writei = -5 (Input/output error)\n"));
 }
 
 // A loop that finds its board closed (an open that failed, a reopening given
