@@ -212,29 +212,40 @@ constexpr rgb_matrix make_matrix(double kr, double kb)
 constexpr rgb_matrix kBt601 = make_matrix(0.299, 0.114);
 constexpr rgb_matrix kBt709 = make_matrix(0.2126, 0.0722);
 
-inline uint8_t clamp8(int32_t v)
+__attribute__((always_inline)) inline uint8_t clamp8(int32_t v)
 {
     return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
 }
 
 // bpp is 3 (BGR) or 4 (BGRA); plain integer code that the compiler vectorises.
+// Inlined into both the plain and the AVX2 row functions, so that they share
+// one spelling of the arithmetic and differ only in the code generated.
 template <int bpp>
-void rgb_row_to_uyvy(const uint8_t* s, uint8_t* d, int w, const rgb_matrix& m)
+__attribute__((always_inline)) inline void rgb_row_to_uyvy_body(const uint8_t* s, uint8_t* d, int w,
+                                                                const rgb_matrix& m)
 {
+    // A local copy: the vectoriser then knows the output cannot alias the matrix.
+    const rgb_matrix mm = m;
     for (int i = 0; i + 1 < w; i += 2) {
         const uint8_t* p = s + bpp * i;
         const int32_t b0 = p[0], g0 = p[1], r0 = p[2];
         const int32_t b1 = p[bpp], g1 = p[bpp + 1], r1 = p[bpp + 2];
-        const int32_t y0 = (m.yr * r0 + m.yg * g0 + m.yb * b0 + (16 << 15) + (1 << 14)) >> 15;
-        const int32_t y1 = (m.yr * r1 + m.yg * g1 + m.yb * b1 + (16 << 15) + (1 << 14)) >> 15;
+        const int32_t y0 = (mm.yr * r0 + mm.yg * g0 + mm.yb * b0 + (16 << 15) + (1 << 14)) >> 15;
+        const int32_t y1 = (mm.yr * r1 + mm.yg * g1 + mm.yb * b1 + (16 << 15) + (1 << 14)) >> 15;
         const int32_t rs = r0 + r1, gs = g0 + g1, bs = b0 + b1;
-        const int32_t u = (m.ur * rs + m.ug * gs + m.ub * bs + (128 << 16) + (1 << 15)) >> 16;
-        const int32_t v = (m.vr * rs + m.vg * gs + m.vb * bs + (128 << 16) + (1 << 15)) >> 16;
+        const int32_t u = (mm.ur * rs + mm.ug * gs + mm.ub * bs + (128 << 16) + (1 << 15)) >> 16;
+        const int32_t v = (mm.vr * rs + mm.vg * gs + mm.vb * bs + (128 << 16) + (1 << 15)) >> 16;
         d[2 * i + 0] = clamp8(u);
         d[2 * i + 1] = clamp8(y0);
         d[2 * i + 2] = clamp8(v);
         d[2 * i + 3] = clamp8(y1);
     }
+}
+
+template <int bpp>
+void rgb_row_to_uyvy(const uint8_t* s, uint8_t* d, int w, const rgb_matrix& m)
+{
+    rgb_row_to_uyvy_body<bpp>(s, d, w, m);
 }
 
 #if defined(QV_X86)
@@ -247,22 +258,7 @@ void rgb_row_to_uyvy(const uint8_t* s, uint8_t* d, int w, const rgb_matrix& m)
 template <int bpp>
 QV_AVX2_VECTORISED void rgb_row_to_uyvy_avx2(const uint8_t* s, uint8_t* d, int w, const rgb_matrix& m)
 {
-    // Same arithmetic; compiled for AVX2 so that the pixel loop runs eight pairs at a time.
-    const rgb_matrix mm = m;
-    for (int i = 0; i + 1 < w; i += 2) {
-        const uint8_t* p = s + bpp * i;
-        const int32_t b0 = p[0], g0 = p[1], r0 = p[2];
-        const int32_t b1 = p[bpp], g1 = p[bpp + 1], r1 = p[bpp + 2];
-        const int32_t y0 = (mm.yr * r0 + mm.yg * g0 + mm.yb * b0 + (16 << 15) + (1 << 14)) >> 15;
-        const int32_t y1 = (mm.yr * r1 + mm.yg * g1 + mm.yb * b1 + (16 << 15) + (1 << 14)) >> 15;
-        const int32_t rs = r0 + r1, gs = g0 + g1, bs = b0 + b1;
-        const int32_t u = (mm.ur * rs + mm.ug * gs + mm.ub * bs + (128 << 16) + (1 << 15)) >> 16;
-        const int32_t v = (mm.vr * rs + mm.vg * gs + mm.vb * bs + (128 << 16) + (1 << 15)) >> 16;
-        d[2 * i + 0] = static_cast<uint8_t>(u < 0 ? 0 : u > 255 ? 255 : u);
-        d[2 * i + 1] = static_cast<uint8_t>(y0 < 0 ? 0 : y0 > 255 ? 255 : y0);
-        d[2 * i + 2] = static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
-        d[2 * i + 3] = static_cast<uint8_t>(y1 < 0 ? 0 : y1 > 255 ? 255 : y1);
-    }
+    rgb_row_to_uyvy_body<bpp>(s, d, w, m);
 }
 #endif
 

@@ -11,8 +11,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-qv_mpln_output_device::qv_mpln_output_device(qv_renderer_statistics& statistics)
-    : qv_v4l2_base_output_device(statistics)
+qv_mpln_output_device::qv_mpln_output_device(qv_device_reporter& reporter)
+    : qv_v4l2_base_output_device(reporter)
 {
 }
 

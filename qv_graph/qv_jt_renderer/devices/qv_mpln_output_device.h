@@ -20,7 +20,7 @@
 
 class qv_mpln_output_device : public qv_v4l2_base_output_device {
 public:
-    explicit qv_mpln_output_device(qv_renderer_statistics& statistics);
+    explicit qv_mpln_output_device(qv_device_reporter& reporter);
     ~qv_mpln_output_device() override;
 
     // Takes over the descriptor CheckDevice returned (fd becomes -1 on success).

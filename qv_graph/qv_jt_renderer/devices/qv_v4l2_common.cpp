@@ -1,7 +1,6 @@
 #include "qv_v4l2_common.h"
 
 #include "qv_dv_timings.h"
-#include "qv_renderer_statistics.h"
 
 #include <glib.h>
 
@@ -106,8 +105,8 @@ QVSDK::QVFieldOrder qv_field_order_from_v4l2(uint32_t field)
     }
 }
 
-qv_v4l2_base_output_device::qv_v4l2_base_output_device(qv_renderer_statistics& statistics)
-    : m_statistics(statistics)
+qv_v4l2_base_output_device::qv_v4l2_base_output_device(qv_device_reporter& reporter)
+    : m_reporter(reporter)
 {
 }
 
@@ -316,18 +315,7 @@ void qv_v4l2_base_output_device::update_statisitcs(unsigned seq)
     const float ns = static_cast<float>(static_cast<uint64_t>(seq) * 1000000000ull);
     const uint64_t device_time = static_cast<uint64_t>(ns / get_board_format().fps);
 
-    std::lock_guard<std::mutex> lock(m_statistics.m_cs);
-    m_statistics.m_nGenlockState = state;
-    m_statistics.m_nGenlockSource = source;
-    m_statistics.m_nDeviceTime = device_time;
-    const uint32_t prev = m_statistics.nSeqFromDevice;
-    m_statistics.nSeqFromDevice = seq;
-    // A step of one is normal; a gap of k counts k - 1, a step back its size.
-    // The first frame after the device was stopped (a flush, an end of stream,
-    // a restart) starts a new count: nothing can have been dropped across it.
-    if (!m_bSeqRestarted)
-        m_statistics.m_nDeviceDroppedFrame +=
-            static_cast<uint64_t>(std::llabs(static_cast<int64_t>(seq) - static_cast<int64_t>(prev) - 1));
+    m_reporter.frame_sent(seq, device_time, state, source, m_bSeqRestarted);
     m_bSeqRestarted = false;
 }
 

@@ -1,8 +1,9 @@
 // Common base of the board's two V4L2 video output devices: probing a node,
 // taking over its descriptor, choosing the SDI mode through the DV-timings
-// interface, genlock, the device-side statistics and the output watchdog.
+// interface, genlock, the per-frame report and the output watchdog.
 #pragma once
 
+#include "qv_device_reporter.h"
 #include "qv_types.h"
 #include "v4l2_jutvane.h"
 
@@ -17,7 +18,6 @@
 #include <utility>
 #include <vector>
 
-class qv_renderer_statistics;
 
 // The SDI modes of the board family; the value indexes qv_board_formats.
 enum qv_v4l2_enum_sdi_mode {
@@ -89,7 +89,7 @@ public:
         eDTUnknown = 3,    // not an output node
     };
 
-    explicit qv_v4l2_base_output_device(qv_renderer_statistics& statistics);
+    explicit qv_v4l2_base_output_device(qv_device_reporter& reporter);
     virtual ~qv_v4l2_base_output_device();
     qv_v4l2_base_output_device(const qv_v4l2_base_output_device&) = delete;
     qv_v4l2_base_output_device& operator=(const qv_v4l2_base_output_device&) = delete;
@@ -166,7 +166,7 @@ protected:
 
     int m_hDevice = -1;
     std::string m_strName;
-    qv_renderer_statistics& m_statistics;
+    qv_device_reporter& m_reporter;
     qv_v4l2_enum_sdi_mode m_format = qv_720x576_25i;
     QVSDK::QVEnumFormats m_videoFormat = QVSDK::FORMAT_UYVY;
     uint32_t m_timecodeType = V4L2_TC_TYPE_25FPS;

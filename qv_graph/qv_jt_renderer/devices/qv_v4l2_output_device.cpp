@@ -11,8 +11,8 @@
 #include <regex>
 #include <unistd.h>
 
-qv_v4l2_output_device::qv_v4l2_output_device(qv_renderer_statistics& statistics)
-    : qv_v4l2_base_output_device(statistics)
+qv_v4l2_output_device::qv_v4l2_output_device(qv_device_reporter& reporter)
+    : qv_v4l2_base_output_device(reporter)
 {
 }
 

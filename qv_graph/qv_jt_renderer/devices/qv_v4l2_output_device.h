@@ -17,7 +17,7 @@
 
 class qv_v4l2_output_device : public qv_v4l2_base_output_device {
 public:
-    explicit qv_v4l2_output_device(qv_renderer_statistics& statistics);
+    explicit qv_v4l2_output_device(qv_device_reporter& reporter);
     ~qv_v4l2_output_device() override;
 
     // Takes over the descriptor CheckDevice returned (fd becomes -1 on success),

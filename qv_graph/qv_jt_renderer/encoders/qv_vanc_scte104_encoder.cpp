@@ -42,24 +42,24 @@ std::vector<qv_vanc_scte104_encoder::packet> qv_vanc_scte104_encoder::encoder(co
     std::vector<packet> result;
     // Never place words beyond the line buffers, whatever row length the caller has.
     lineLength = std::min(lineLength, m_vbiDX * 2);
-    const size_t W = m_isSD ? lineLength : lineLength / 2;
-    const size_t C = (W / kMaxPacketWords) * kMaxPayload + std::max(W % kMaxPacketWords, kPacketOverhead) -
-                     kPacketOverhead;
-    if (!pMessage || nSize == 0 || C == 0 || m_nLineCount == 0 ||
-        nSize > std::min(C * m_nLineCount, kMaxMessage))
+    const size_t nWords = m_isSD ? lineLength : lineLength / 2;
+    const size_t nCapacity = (nWords / kMaxPacketWords) * kMaxPayload +
+                             std::max(nWords % kMaxPacketWords, kPacketOverhead) - kPacketOverhead;
+    if (!pMessage || nSize == 0 || nCapacity == 0 || m_nLineCount == 0 ||
+        nSize > std::min(nCapacity * m_nLineCount, kMaxMessage))
         return result;
 
-    const size_t chunkMax = C > kMaxPayload ? kMaxPayload : C;
-    // The capacity R runs over all lines of the message, not per line (deliberate): a
+    const size_t chunkMax = nCapacity > kMaxPayload ? kMaxPayload : nCapacity;
+    // The room left (nRoom) runs over all lines of the message, not per line (deliberate): a
     // message never takes more than one line's capacity in total.
-    size_t R = C;
+    size_t nRoom = nCapacity;
     size_t left = nSize;
     const uint8_t* src = pMessage;
-    for (size_t i = 0; i < m_vLine.size() && left > 0 && R > 0; ++i) {
+    for (size_t i = 0; i < m_vLine.size() && left > 0 && nRoom > 0; ++i) {
         uint8_t* line = m_vLine[i].get();
-        const size_t n = std::min({chunkMax, left, R});
-        const size_t nextR = n < R ? R - n : 0;
-        const bool more = left > n && nextR > 0 && i + 1 < m_vLine.size();
+        const size_t n = std::min({chunkMax, left, nRoom});
+        const size_t nRoomAfter = n < nRoom ? nRoom - n : 0;
+        const bool more = left > n && nRoomAfter > 0 && i + 1 < m_vLine.size();
         // User data: the payload descriptor, then this packet's part of the message.
         uint8_t udw[kMaxPayload + 1];
         udw[0] = kDescVersion;
@@ -71,7 +71,7 @@ std::vector<qv_vanc_scte104_encoder::packet> qv_vanc_scte104_encoder::encoder(co
         result.emplace_back(line, qv_put_anc_packet(line, m_vbiDX * 2, m_isSD, kDID, kSDID, udw, n + 1));
         src += n;
         left -= n;
-        R = nextR;
+        nRoom = nRoomAfter;
     }
     return result;
 }

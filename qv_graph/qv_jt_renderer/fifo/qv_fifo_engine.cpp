@@ -188,6 +188,12 @@ void qv_fifo_engine::map_silence(uint64_t nHeld, QVSound& sound)
         sound.silense(sound.capacity());
 }
 
+void qv_fifo_engine::clear_state()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    set_state(fifo_ok, std::string());
+}
+
 void qv_fifo_engine::rebase()
 {
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
@@ -212,6 +218,28 @@ int64_t qv_fifo_engine::first_queued_frame()
 {
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     return m_video_fifo.queued() ? m_video_fifo.m_video_fifo.front()->index : -1;
+}
+
+bool qv_fifo_engine::shown_frame(int64_t& nFrame)
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    if (!m_video_fifo.m_pItem)
+        return false;
+    nFrame = m_video_fifo.m_pItem->index;
+    return true;
+}
+
+int64_t qv_fifo_engine::last_frame_number()
+{
+    std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
+    return m_video_fifo.m_nLastFrameNumber;
+}
+
+uint32_t qv_fifo_engine::buffered_ms() const
+{
+    // The two indices are atomic and the rate is set before play-out: no lock.
+    const qv_video_fifo& vf = m_video_fifo;
+    return static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
 }
 
 int64_t qv_fifo_engine::start()
@@ -301,7 +329,7 @@ bool qv_fifo_engine::add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_
     return true;
 }
 
-int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size)
+int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size)
 {
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     if (ptsStart != 0 && ptsStart != QV_TIME_NONE) {
@@ -313,7 +341,7 @@ int qv_fifo_engine::add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint
     return m_teletext_fifo.add_data(ptsStart, ptsStop, pData, size, nullptr) ? 1 : 0;
 }
 
-int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size,
+int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size,
                                   const qv_input_timecode* pTimeCode)
 {
     if (pData == nullptr || size == 0)
@@ -328,14 +356,14 @@ int qv_fifo_engine::add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* 
     return m_vbi_fifo.add_data(ptsStart, ptsStop, pData, size, pTimeCode) ? 1 : 0;
 }
 
-int qv_fifo_engine::add_subtitle_frame(uint64_t /*pts*/, uint8_t* /*pData*/, size_t /*size*/)
+int qv_fifo_engine::add_subtitle_frame(uint64_t /*pts*/, const uint8_t* /*pData*/, size_t /*size*/)
 {
     // Subtitles are accepted and discarded.
     std::lock_guard<qv_pi_recursive_mutex> lock(m_csFifo);
     return 1;
 }
 
-int qv_fifo_engine::add_scte104_frame(uint8_t* pData, size_t size)
+int qv_fifo_engine::add_scte104_frame(const uint8_t* pData, size_t size)
 {
     if (pData == nullptr || size == 0)
         return 0;
@@ -347,7 +375,7 @@ int qv_fifo_engine::add_scte104_frame(uint8_t* pData, size_t size)
     return m_scte104_fifo.add_data(m_video_fifo.m_nStartTime, m_video_fifo.m_nStopTime, pData, size, nullptr) ? 1 : 0;
 }
 
-int qv_fifo_engine::add_scte35_frame(uint8_t* pData, size_t size)
+int qv_fifo_engine::add_scte35_frame(const uint8_t* pData, size_t size)
 {
     if (pData == nullptr || size == 0)
         return 0;

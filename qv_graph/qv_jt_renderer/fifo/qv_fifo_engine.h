@@ -11,6 +11,7 @@
 #include "QVPLL.h"
 #include "qv_alarms_dispatcher.h"
 #include "qv_audio_fifo.h"
+#include "qv_fifo_source.h"
 #include "qv_pi_mutex.h"
 #include "qv_renderer_statistics.h"
 #include "qv_template_fifo.h"
@@ -38,7 +39,7 @@ enum e_pll_stream {
 // Reports silent edges of a sound buffer on the console (diagnostic).
 void PrintAudioInfo(const char* tag, const QVSDK::QVSound& sound);
 
-class qv_fifo_engine {
+class qv_fifo_engine : public qv_fifo_source {
 public:
     using target_fn = std::function<bool(const QVSDK::QVImage&, const QVSDK::QVSound&)>;
 
@@ -57,7 +58,16 @@ public:
     int alloc_fifo(size_t frames);
     void dealloc_fifo();
 
-    void reset();
+    // The render loop's side (qv_fifo_source).
+    void reset() override;
+    int64_t start() override;
+    bool audio_line_covers(unsigned nLine, uint64_t nFrame) override;
+    int64_t first_queued_frame() override;
+    bool shown_frame(int64_t& nFrame) override;
+    uint32_t buffered_ms() const override;
+    qv_fifo_state state() const override { return m_state; }
+    void clear_state() override;
+    void map_silence(uint64_t nHeld, QVSDK::QVSound& sound) override;
     // A flush of one input: its queue is emptied, the rest keep theirs. The
     // picture on air stays, to be held while the new position pre-rolls.
     void flush_video();
@@ -67,15 +77,9 @@ public:
     void flush_vbi();
     // Output frame numbering starts again at the next start(); the queues stay.
     void rebase();
-    // Silence for every audio line, one frame long: the nHeld-th frame while a
-    // picture is held (lengths follow the frame grid, as for queued sound).
-    void map_silence(uint64_t nHeld, QVSDK::QVSound& sound);
-    // First output frame number (clamped at 0), or -1 when no picture is queued.
-    int64_t start();
-    // The audio line has received its sound up to the start of output frame n.
-    bool audio_line_covers(unsigned nLine, uint64_t nFrame);
-    // The frame number of the oldest queued picture; -1 when none is queued.
-    int64_t first_queued_frame();
+    // The number given to the newest picture added (or, for one dropped, to its
+    // predecessor); -1 when none since the reset.
+    int64_t last_frame_number();
     void add_target(const target_fn& target);
 
     // Producers. Dropped input (no stamp, no line, no video yet) counts as success;
@@ -86,12 +90,12 @@ public:
                         const QVSDK::QVImage& image, unsigned long hw_time, uint64_t runningTime = QV_TIME_NONE);
     bool add_audio_frame(unsigned nIndex, uint64_t ptsStart, uint64_t ptsStop, uint64_t ptsSystemTime,
                          const QVSDK::QVSound& frame);
-    int add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size);
-    int add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, uint8_t* pData, size_t size,
+    int add_teletext_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size);
+    int add_vbi_frame(uint64_t ptsStart, uint64_t ptsStop, const uint8_t* pData, size_t size,
                       const qv_input_timecode* pTimeCode);
-    int add_subtitle_frame(uint64_t pts, uint8_t* pData, size_t size);
-    int add_scte104_frame(uint8_t* pData, size_t size);
-    int add_scte35_frame(uint8_t* pData, size_t size);
+    int add_subtitle_frame(uint64_t pts, const uint8_t* pData, size_t size);
+    int add_scte104_frame(const uint8_t* pData, size_t size);
+    int add_scte35_frame(const uint8_t* pData, size_t size);
     // A section without pointer field, as a demuxer hands it on in an event.
     // nSpliceRunningTime (ns, or none) is the running time of the section's
     // splice; with it the pre-roll counts from the running time of the newest
@@ -100,11 +104,11 @@ public:
 
     // Consumers (render thread). Return the resulting qv_fifo_state.
     int map_next_data(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>& teletext,
-                      std::vector<uint8_t>& scte104);
+                      std::vector<uint8_t>& scte104) override;
     int map_next_data_vbi(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound, std::vector<uint8_t>& vbi,
-                          qv_timecode* tc);
+                          qv_timecode* tc) override;
     bool map_video_audio(unsigned frame, QVSDK::QVImage& image, QVSDK::QVSound& sound);
-    void check_audio_fifo_fullness(unsigned latencyMs);
+    void check_audio_fifo_fullness(unsigned latencyMs) override;
 
     // Time shifting through the smoothing loop (caller holds m_csFifo).
     void update_time(uint64_t& ptsStart, uint64_t& ptsStop);
@@ -112,7 +116,7 @@ public:
     void set_state(const qv_fifo_state& state, const std::string& reason);
 
     // Locked snapshot of the video FIFO's hardware-time rows.
-    std::vector<qv_fifo_item_stat> getHWstat();
+    std::vector<qv_fifo_item_stat> getHWstat() override;
 
     std::list<target_fn> m_listTargets;
 

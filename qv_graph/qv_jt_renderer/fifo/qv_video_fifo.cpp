@@ -100,11 +100,7 @@ void qv_video_fifo::clear()
     m_lent_video_fifo.clear();
     m_pItem.reset();
     m_released.clear();
-    m_nLastFrameNumber = -1;
-    m_nRealPTS = 0;
-    m_nStartTime = m_nStopTime = 0;
-    m_nStartIndex = 0;
-    m_nStopIndex = 0;
+    forget_positions();
 }
 
 void qv_video_fifo::reset()
@@ -114,6 +110,11 @@ void qv_video_fifo::reset()
         item->freed_at = m_nOutputFrames;
     }
     m_free_video_fifo.splice(m_free_video_fifo.end(), m_video_fifo);
+    forget_positions();
+}
+
+void qv_video_fifo::forget_positions()
+{
     m_nLastFrameNumber = -1;
     m_nRealPTS = 0;
     m_nStartTime = m_nStopTime = 0;

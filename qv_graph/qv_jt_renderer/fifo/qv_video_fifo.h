@@ -114,6 +114,8 @@ public:
 private:
     // A slot going back to the free list lets go of a held picture.
     void recycle(qv_fifo_item& item);
+    // Both clear() and reset() start numbering and stamping afresh.
+    void forget_positions();
     item_ptr make_item() const;
     bool same_layout(const qv_fifo_item& item) const;
 };

@@ -1,6 +1,7 @@
 #include "qv_renderer_statistics.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -135,4 +136,19 @@ qv_base_statistics::items qv_renderer_statistics::get_items()
     add("Caption blocks refused", num(m_captions.nBadBlocks));
     add("AFD frames", num(m_captions.nAfdFrames));
     return out;
+}
+
+void qv_renderer_statistics::frame_sent(uint32_t nSeq, uint64_t nDeviceTime, int32_t nGenlockState,
+                                        int32_t nGenlockSource, bool bNewCount)
+{
+    std::lock_guard<std::mutex> lock(m_cs);
+    m_nGenlockState = nGenlockState;
+    m_nGenlockSource = nGenlockSource;
+    m_nDeviceTime = nDeviceTime;
+    const uint32_t nPrev = nSeqFromDevice;
+    nSeqFromDevice = nSeq;
+    // A step of one is normal; a gap of k counts k - 1, a step back its size.
+    if (!bNewCount)
+        m_nDeviceDroppedFrame +=
+            static_cast<uint64_t>(std::llabs(static_cast<int64_t>(nSeq) - static_cast<int64_t>(nPrev) - 1));
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "qv_base_statistics.h"
+#include "qv_device_reporter.h"
 
 #include <cstdint>
 #include <list>
@@ -49,7 +50,7 @@ struct qv_caption_statistics {
     uint64_t nAfdFrames = 0;       // frames that carried an AFD packet
 };
 
-class qv_renderer_statistics : public qv_base_statistics {
+class qv_renderer_statistics : public qv_base_statistics, public qv_device_reporter {
 public:
     // Guards the whole record. Writers that update single fields from the
     // thread owning the figure take it too when they touch strings.
@@ -77,6 +78,9 @@ public:
     std::shared_ptr<qv_audio_statistics> create_audio_statistics();
     void clear_audio_statistics();
     items get_items() override;
+    // The devices' report of each frame sent; locks m_cs.
+    void frame_sent(uint32_t nSeq, uint64_t nDeviceTime, int32_t nGenlockState, int32_t nGenlockSource,
+                    bool bNewCount) override;
 
     // "hh:mm:ss.ccc" for a time in nanoseconds.
     static std::string format_time(uint64_t nNanoseconds);

@@ -1,6 +1,6 @@
 // Writing a frame's ancillary data into its VBI/VANC lines: teletext, SCTE-104,
 // raw VBI, and the captions and AFD of the pictures' metadata.
-#include "qv_renderer.h"
+#include "qv_playout_core.h"
 
 #include "qv_anc_packet.h"
 
@@ -23,7 +23,7 @@ bool row_offset(const qv_vbi_data& vbi, size_t nRow, size_t& nOffset)
 
 } // namespace
 
-void qv_renderer::write_teletext_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
+void qv_playout_core::write_teletext_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
 {
     // The encoder never hands out a line beyond the area's own line counts.
     if (vbi.m_bValid)
@@ -46,7 +46,7 @@ void qv_renderer::write_teletext_to_vbi(const std::vector<uint8_t>& data, qv_vbi
     }
 }
 
-void qv_renderer::write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
+void qv_playout_core::write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
 {
     const size_t nRow = vbi.m_nStride / 2;
     const auto packets = m_scte104_encoder.encoder(data.data(), data.size(), nRow);
@@ -65,7 +65,7 @@ void qv_renderer::write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_
     }
 }
 
-void qv_renderer::write_metadata_to_vbi(const qv_frame_ancillary& current, qv_vbi_data& vbi)
+void qv_playout_core::write_metadata_to_vbi(const qv_frame_ancillary& current, qv_vbi_data& vbi)
 {
     const auto write = [&](uint32_t nRow, uint8_t nDID, uint8_t nSDID, const uint8_t* pUDW, size_t nUDW) {
         size_t nOffset = 0;
@@ -111,7 +111,7 @@ void qv_renderer::write_metadata_to_vbi(const qv_frame_ancillary& current, qv_vb
     }
 }
 
-void qv_renderer::write_vbi_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
+void qv_playout_core::write_vbi_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
 {
     if (!vbi.m_pData)
         return;

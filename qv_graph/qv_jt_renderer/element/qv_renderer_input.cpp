@@ -38,6 +38,16 @@ uint64_t qv_renderer::device_time_locked() const
     return static_cast<uint64_t>(fTime);
 }
 
+bool qv_renderer::board_open_locked(bool bAudio) const
+{
+    return m_mpln_device.is_open() || (bAudio ? m_audio_device.is_open() : m_video_device.is_open());
+}
+
+bool qv_renderer::admit_locked(bool bAudio, uint64_t ptsStart, uint64_t ptsEnd, uint64_t& start, uint64_t& stop)
+{
+    return board_open_locked(bAudio) && stamp(m_time_starter, ptsStart, ptsEnd, start, stop);
+}
+
 bool qv_renderer::set_video_cap(GstCaps* pCaps)
 {
     const GstStructure* s = pCaps ? gst_caps_get_structure(pCaps, 0) : nullptr;
@@ -55,9 +65,7 @@ int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dt
         std::lock_guard<std::recursive_mutex> lock(m_cs);
         // Input is input even while the output device is being reopened.
         m_alarmDispatcher.video_event();
-        if (!m_mpln_device.is_open() && !m_video_device.is_open())
-            return 1;
-        if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+        if (!admit_locked(false, ptsStart, ptsEnd, start, stop))
             return 1;
         // Input paced by the board arrives at the board's rate by
         // construction, and in bursts after a seek: there is no stream clock
@@ -72,19 +80,12 @@ int qv_renderer::add_video_frame(uint64_t ptsStart, uint64_t ptsEnd, uint64_t dt
         // Only this thread numbers pictures: the FIFO's last number is this
         // picture's (or, for one it dropped, its predecessor's, whose record
         // then carries the captions on all the same).
-        int64_t nIndex;
-        {
-            std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-            nIndex = m_fifo.m_video_fifo.m_nLastFrameNumber;
-        }
-        m_ancillary.push(nIndex, std::move(*pAncillary));
+        m_ancillary.push(m_fifo.last_frame_number(), std::move(*pAncillary));
     }
     // Play-out will begin at the first picture, wherever the other streams began.
-    {
-        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-        if (m_fifo.m_video_fifo.queued() > 0)
-            m_pacer.anchor(m_fifo.m_video_fifo.m_video_fifo.front()->index);
-    }
+    const int64_t nFirst = m_fifo.first_queued_frame();
+    if (nFirst >= 0)
+        m_pacer.anchor(nFirst);
     return ret;
 }
 
@@ -97,10 +98,8 @@ int qv_renderer::add_audio_frame(GstPad* pPad, uint64_t ptsStart, uint64_t ptsEn
     if (it == m_list_audio_pad.end())
         return 1; // the pad was removed while its stream still flowed
     m_alarmDispatcher.audio_event();
-    if (!m_mpln_device.is_open() && !m_audio_device.is_open())
-        return 1;
     uint64_t start = 0, stop = 0;
-    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+    if (!admit_locked(true, ptsStart, ptsEnd, start, stop))
         return 1;
     return m_fifo.add_audio_frame(static_cast<unsigned>((*it)->nIndex), start, stop, device_time_locked(), sound)
                ? 0
@@ -111,12 +110,10 @@ int qv_renderer::add_teletext_frame(uint64_t ptsStart, uint64_t ptsEnd, const ui
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
     m_alarmDispatcher.teletext_event();
-    if (!m_mpln_device.is_open() && !m_video_device.is_open())
-        return 1;
     uint64_t start = 0, stop = 0;
-    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+    if (!admit_locked(false, ptsStart, ptsEnd, start, stop))
         return 1;
-    return m_fifo.add_teletext_frame(start, stop, const_cast<uint8_t*>(pData), nSize);
+    return m_fifo.add_teletext_frame(start, stop, pData, nSize);
 }
 
 int qv_renderer::add_vbi_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t* pData, size_t nSize,
@@ -124,20 +121,18 @@ int qv_renderer::add_vbi_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
     m_alarmDispatcher.vbi_event();
-    if (!m_mpln_device.is_open() && !m_video_device.is_open())
-        return 1;
     uint64_t start = 0, stop = 0;
-    if (!stamp(m_time_starter, ptsStart, ptsEnd, start, stop))
+    if (!admit_locked(false, ptsStart, ptsEnd, start, stop))
         return 1;
     if (!pTimecode)
-        return m_fifo.add_vbi_frame(start, stop, const_cast<uint8_t*>(pData), nSize, nullptr);
+        return m_fifo.add_vbi_frame(start, stop, pData, nSize, nullptr);
 
     // The FIFO library knows no GStreamer: hand it the V4L2 form and the text.
     qv_input_timecode tc;
     tc.timecode = convert_gst_timecode_to_v4l2_timecode(*pTimecode);
     gchar* pText = gst_video_time_code_to_string(pTimecode);
     tc.pText = pText;
-    const int ret = m_fifo.add_vbi_frame(start, stop, const_cast<uint8_t*>(pData), nSize, &tc);
+    const int ret = m_fifo.add_vbi_frame(start, stop, pData, nSize, &tc);
     g_free(pText);
     return ret;
 }
@@ -145,24 +140,24 @@ int qv_renderer::add_vbi_frame(uint64_t ptsStart, uint64_t ptsEnd, const uint8_t
 int qv_renderer::add_scte104_frame(const uint8_t* pData, size_t nSize)
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+    if (!board_open_locked(false))
         return 1;
-    return m_fifo.add_scte104_frame(const_cast<uint8_t*>(pData), nSize);
+    return m_fifo.add_scte104_frame(pData, nSize);
 }
 
 int qv_renderer::add_scte35_frame(const uint8_t* pData, size_t nSize)
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+    if (!board_open_locked(false))
         return 1;
-    return m_fifo.add_scte35_frame(const_cast<uint8_t*>(pData), nSize);
+    return m_fifo.add_scte35_frame(pData, nSize);
 }
 
 int qv_renderer::add_scte35_section(const uint8_t* pSection, size_t nSize, uint64_t nSpliceRunningTime,
                                     uint32_t nEventId)
 {
     std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (!m_mpln_device.is_open() && !m_video_device.is_open())
+    if (!board_open_locked(false))
         return 1;
     return m_fifo.add_scte35_section(pSection, nSize, nSpliceRunningTime, nEventId);
 }

@@ -1,6 +1,8 @@
 // qv_renderer: the one object behind each element instance. Owns the devices,
 // the FIFO engine, the encoders, the statistics and the alarm dispatcher,
 // makes the sink pads, and turns state changes into open/start/stop/close.
+// The render loop itself is the play-out core's (qv_playout_core), which
+// borrows these parts and reports back through callbacks.
 #pragma once
 
 #include "qv_alarms_dispatcher.h"
@@ -12,6 +14,7 @@
 #include "qv_line_map.h"
 #include "qv_mpln_output_device.h"
 #include "qv_pads.h"
+#include "qv_playout_core.h"
 #include "qv_renderer_statistics.h"
 #include "qv_stats_reporter.h"
 #include "qv_time_starter.h"
@@ -131,28 +134,18 @@ private:
     GstPad* make_pad(int nTemplate, const char* pName);
     bool add_pad(GstPad* pPad);
     bool remove_pad(GstPad* pPad);
+    qv_playout_parts playout_parts();
+    qv_playout_callbacks playout_callbacks();
+    void post_eos();
+    std::vector<unsigned> awaited_audio_lines();
     uint64_t device_time_locked() const; // m_cs held
-    struct loop_state; // the render thread's working state, one per thread
-    void render_loop(std::future<void>& exit, bool bComplex);
-    void restart_playout(loop_state& L, const char* pReason, bool bDeviceFault);
-    void enter_down(loop_state& L, const std::string& strWhy);
-    void try_recover(loop_state& L);
-    void account_idle_slots(loop_state& L);
-    bool preroll_done(loop_state& L);
-    void hold_frame(loop_state& L);
-    // Numbers the frame of device buffer nSeq and maps it; false when the
-    // pass ends here (underflow, end of stream).
-    bool next_frame(loop_state& L, uint32_t nSeq);
+    // m_cs held: a board is open to take the input (the sound's device when bAudio).
+    bool board_open_locked(bool bAudio) const;
+    // m_cs held: the preamble of every stamped input. False when there is no
+    // board to play to or the time starter refuses the stamp.
+    bool admit_locked(bool bAudio, uint64_t ptsStart, uint64_t ptsEnd, uint64_t& start, uint64_t& stop);
     void flush_begins(GstPad* pPad);
     void flush_ends(GstPad* pPad);
-    bool sound_prerolled(loop_state& L);
-    bool hwlock_due(loop_state& L, uint32_t nSeq) const; // just over a second of output since the last attempt
-    bool acquire_buffer(loop_state& L, uint32_t& nSeq);
-    int fetch_frame(loop_state& L, uint32_t nIndex);
-    bool output_frame(loop_state& L);
-    void start_device_when_primed(loop_state& L);
-    void finish_eos(loop_state& L);
-    uint32_t ring_frames(bool bComplex) const;
     // Opens the board (and ALSA beside a single-plane board) as m_cfg says; on
     // failure closes what it opened and says why in strError.
     bool open_devices(std::string& strError);
@@ -161,8 +154,6 @@ private:
     void report_timing();
     void report_lines_outside_area();
     void resolve_anc_lines(); // caption and AFD rows for the open board, clashes reported
-    void take_metadata(loop_state& L); // render thread: the shown picture's metadata
-    const qv_timecode* frame_timecode(loop_state& L); // null when the frame has none
     size_t fifo_depth(float fps);
     void warn_configuration(const std::string& strText); // console and bus
     void apply_line_map(); // the "line-map" text, again for the mode in force
@@ -205,7 +196,7 @@ private:
     // line map; the rows, the queue and the scratch line are set at open and
     // then used by the render thread alone.
     qv_anc_lines m_ancLines;
-    static constexpr uint32_t k_no_row = ~uint32_t(0);
+    static constexpr uint32_t k_no_row = qv_playout_core::k_no_row;
     uint32_t m_nCaptionRow = k_no_row;
     uint32_t m_nAfdRow = k_no_row;
     bool m_bAncSD = true;
@@ -222,22 +213,7 @@ private:
     qv_time_starter m_time_starter;
     qv_input_pacer m_pacer;
 
-    // The board values in force from NULL -> READY to READY -> NULL: writes to
-    // the properties meanwhile wait for the next open, so that an internal
-    // reset never reopens the board differently from what went on air.
-    struct board_config {
-        std::string strV4l2Name;
-        std::string strAlsaName;
-        uint32_t nMode = 0;
-        uint32_t nHWBuffers = 3;
-        uint32_t nAudioLines = 0;
-        v4l2_jutvane_timecode_type eTimeCodeType = V4L2_JUTVANE_TIMECODE_DISABLED;
-        bool bUseWatchdog = false;
-        bool bFullColorRange = true;
-        bool bUseVBI = false;
-        bool bMultiPlane = false; // the kind of node found at open
-        std::string strTimingReport; // why the board does not run the mode's timing; empty when it does
-    };
+    using board_config = qv_board_config;
     board_config m_cfg;
     bool m_bOpened = false;            // between NULL -> READY and READY -> NULL
     long m_nPendingAudioLines = -1;    // "number_of_audio_lines" written while opened; -1: none
@@ -263,4 +239,6 @@ private:
     std::atomic<bool> m_bPacedInput{false}; // some input is not live (a file): it is paced and pre-rolls all streams
     std::string m_strLineMap; // "line-map" as set; empty when the table came from "vbi_lines"
     qv_stats_reporter m_reporter;
+    // Last: it borrows the members above.
+    qv_playout_core m_core;
 };

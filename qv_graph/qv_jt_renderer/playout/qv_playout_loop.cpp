@@ -9,9 +9,9 @@
 // node comes back, about once a second while the node is there but refuses),
 // and the inputs' silence is counted in output frame slots even while nothing
 // goes out.
-#include "qv_renderer.h"
+#include "qv_playout_core.h"
 
-#include "gstqvjtrenderer.h"
+#include <glib.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -67,7 +67,7 @@ bool node_present(const std::string& strName)
 
 } // namespace
 
-struct qv_renderer::loop_state {
+struct qv_playout_core::loop_state {
     explicit loop_state(bool complex) : bComplex(complex) {}
 
     const bool bComplex;
@@ -120,17 +120,12 @@ struct qv_renderer::loop_state {
     steady::time_point tSoundWait{};
 };
 
-void qv_renderer::work_thread_separate(std::future<void>&& exit)
+qv_playout_core::qv_playout_core(const qv_playout_parts& parts, qv_playout_callbacks callbacks)
+    : qv_playout_parts(parts), m_callbacks(std::move(callbacks))
 {
-    render_loop(exit, false);
 }
 
-void qv_renderer::work_thread_complex(std::future<void>&& exit)
-{
-    render_loop(exit, true);
-}
-
-uint32_t qv_renderer::ring_frames(bool bComplex) const
+uint32_t qv_playout_core::ring_frames(bool bComplex) const
 {
     if (!bComplex)
         return m_video_device.get_buffer_count();
@@ -138,31 +133,32 @@ uint32_t qv_renderer::ring_frames(bool bComplex) const
     return m_mpln_device.get_field_order() == QVSDK::FieldOrder_Progressive ? n : n / 2;
 }
 
-void qv_renderer::account_idle_slots(loop_state& L)
+void qv_playout_core::account_idle_slots(loop_state& loop)
 {
     const auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / m_fFps));
     const auto now = steady::now();
-    const auto n = (now - L.tSlotsCounted) / period;
+    const auto n = (now - loop.tSlotsCounted) / period;
     if (n <= 0)
         return;
     m_alarmDispatcher.slots_elapsed(static_cast<uint32_t>(n));
-    L.tSlotsCounted += n * period;
+    loop.tSlotsCounted += n * period;
 }
 
-void qv_renderer::enter_down(loop_state& L, const std::string& strWhy)
+void qv_playout_core::enter_down(loop_state& loop, const std::string& strWhy)
 {
-    if (!L.bDown)
+    if (!loop.bDown)
         g_print("qvjtrenderer: output device lost (%s); retrying until it is back\n", strWhy.c_str());
-    L.bDown = true;
-    L.bNodeMissing = false;
-    L.strLastError = strWhy;
+    loop.bDown = true;
+    loop.bNodeMissing = false;
+    loop.strLastError = strWhy;
     m_bOutputDown = true;
     m_alarmDispatcher.set_output_down(true);
 }
 
-void qv_renderer::restart_playout(loop_state& L, const char* pReason, bool bDeviceFault)
+void qv_playout_core::restart_playout(loop_state& loop, const char* pReason, bool bDeviceFault)
 {
-    m_reporter.note_restart(pReason);
+    if (m_callbacks.restarted)
+        m_callbacks.restarted(pReason);
     m_alarmDispatcher.restart_event();
     {
         std::lock_guard<std::mutex> lock(m_statistics.m_cs);
@@ -170,40 +166,40 @@ void qv_renderer::restart_playout(loop_state& L, const char* pReason, bool bDevi
         m_statistics.nSeqFromDevice = 0;
     }
     m_state = qv_stop_state;
-    L.bStarted = false;
-    L.bSeqBase = false;
-    L.nQueued = 0;
-    L.bFailing = false;
-    L.bDraining = false;
-    L.bHolding = false;
-    L.metadata = qv_frame_ancillary{};
+    loop.bStarted = false;
+    loop.bSeqBase = false;
+    loop.nQueued = 0;
+    loop.bFailing = false;
+    loop.bDraining = false;
+    loop.bHolding = false;
+    loop.metadata = qv_frame_ancillary{};
 
     const auto now = steady::now();
-    if (bDeviceFault && now - L.tLastOpen < k_reopen_interval) {
+    if (bDeviceFault && now - loop.tLastOpen < k_reopen_interval) {
         // It failed again right after being reopened: reopening at once would
         // only repeat that many times a second.
         close_devices();
-        enter_down(L, pReason);
+        enter_down(loop, pReason);
         return;
     }
-    L.tLastOpen = now;
+    loop.tLastOpen = now;
     if (!reset())
-        enter_down(L, "it could not be reopened");
+        enter_down(loop, "it could not be reopened");
 }
 
-void qv_renderer::try_recover(loop_state& L)
+void qv_playout_core::try_recover(loop_state& loop)
 {
     if (!node_present(m_cfg.strV4l2Name)) {
-        L.bNodeMissing = true;
+        loop.bNodeMissing = true;
         return;
     }
     // A node that just came back is opened at once; one that is there but
     // refused is retried after the back-off.
     const auto now = steady::now();
-    if (!L.bNodeMissing && now - L.tLastOpen < k_reopen_interval)
+    if (!loop.bNodeMissing && now - loop.tLastOpen < k_reopen_interval)
         return;
-    L.bNodeMissing = false;
-    L.tLastOpen = now;
+    loop.bNodeMissing = false;
+    loop.tLastOpen = now;
 
     std::string strError;
     {
@@ -215,75 +211,67 @@ void qv_renderer::try_recover(loop_state& L)
         m_time_starter.reset();
         m_pacer.restart();
         if (!open_devices(strError)) {
-            if (strError != L.strLastError)
+            if (strError != loop.strLastError)
                 g_print("qvjtrenderer: output device still unavailable: %s\n", strError.c_str());
-            L.strLastError = strError;
+            loop.strLastError = strError;
             return;
         }
     }
     g_print("qvjtrenderer: output device back\n");
-    L.bDown = false;
-    L.strLastError.clear();
+    loop.bDown = false;
+    loop.strLastError.clear();
     m_bOutputDown = false;
     m_alarmDispatcher.set_output_down(false);
 }
 
-bool qv_renderer::hwlock_due(loop_state& L, uint32_t nSeq) const
+bool qv_playout_core::hwlock_due(loop_state& loop, uint32_t nSeq) const
 {
     // A device restarted numbers its frames afresh: count from there.
-    if (!L.bLockSeq || nSeq < L.nLockSeq) {
-        L.bLockSeq = true;
-        L.nLockSeq = nSeq;
+    if (!loop.bLockSeq || nSeq < loop.nLockSeq) {
+        loop.bLockSeq = true;
+        loop.nLockSeq = nSeq;
         return false;
     }
-    if (static_cast<double>(nSeq - L.nLockSeq) * 1e9 / m_fFps <= k_hwlock_interval_ns)
+    if (static_cast<double>(nSeq - loop.nLockSeq) * 1e9 / m_fFps <= k_hwlock_interval_ns)
         return false;
-    L.nLockSeq = nSeq;
+    loop.nLockSeq = nSeq;
     return true;
 }
 
-bool qv_renderer::sound_prerolled(loop_state& L)
+bool qv_playout_core::sound_prerolled(loop_state& loop)
 {
     // Input that is not live pre-rolls its sound as well as its pictures: a
     // file's first samples must not come after their frame went out. A
     // linked line that brings nothing for two seconds more does not keep the
     // pictures off air.
     const auto now = steady::now();
-    if (L.tSoundWait == steady::time_point{})
-        L.tSoundWait = now;
-    if (now - L.tSoundWait > std::chrono::seconds(2))
+    if (loop.tSoundWait == steady::time_point{})
+        loop.tSoundWait = now;
+    if (now - loop.tSoundWait > std::chrono::seconds(2))
         return true;
     const int64_t nFirst = m_fifo.first_queued_frame();
     if (nFirst < 0)
         return true;
-    std::lock_guard<std::mutex> lock(m_csEos);
-    for (const auto& p : m_list_audio_pad) {
-        GstPad* pPad = p->pad.get();
-        if (!isConnect(pPad) || std::find(m_eosPads.begin(), m_eosPads.end(), pPad) != m_eosPads.end())
-            continue;
-        if (!m_fifo.audio_line_covers(static_cast<unsigned>(p->nIndex), static_cast<uint64_t>(nFirst) + 2))
+    if (!m_callbacks.awaited_audio_lines)
+        return true;
+    for (const unsigned nLine : m_callbacks.awaited_audio_lines())
+        if (!m_fifo.audio_line_covers(nLine, static_cast<uint64_t>(nFirst) + 2))
             return false;
-    }
     return true;
 }
 
-bool qv_renderer::preroll_done(loop_state& L)
+bool qv_playout_core::preroll_done(loop_state& loop)
 {
     // Half-flushed queues hold old and new positions side by side.
     if (m_bFlushing)
         return false;
-    const qv_video_fifo& vf = m_fifo.m_video_fifo;
-    bool bEmpty;
-    {
-        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-        bEmpty = vf.queued() == 0;
-    }
+    const bool bEmpty = m_fifo.first_queued_frame() < 0;
     if (m_bEos && !m_bEosPosted && bEmpty) {
         // The stream ended with nothing (more) to play.
-        finish_eos(L);
+        finish_eos(loop);
         return false;
     }
-    const auto nBuffered = static_cast<uint32_t>((vf.m_nStopIndex - vf.m_nStartIndex) * 1000 / vf.m_fps);
+    const uint32_t nBuffered = m_fifo.buffered_ms();
     // At the end of a stream there is no more to wait for: play what is there.
     if (nBuffered < m_nLatency && !(m_bEos && !m_bEosPosted)) {
         // A live source's sound that runs ahead of its pictures is trimmed to
@@ -294,135 +282,119 @@ bool qv_renderer::preroll_done(loop_state& L)
             m_fifo.check_audio_fifo_fullness(m_nLatency);
         return false;
     }
-    if (m_bPacedInput && !sound_prerolled(L))
+    if (m_bPacedInput && !sound_prerolled(loop))
         return false;
-    L.tSoundWait = {};
+    loop.tSoundWait = {};
     const int64_t s = m_fifo.start();
-    L.nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
-    L.bSeqBase = false;
+    loop.nStartIndex = s < 0 ? 0 : static_cast<uint32_t>(s);
+    loop.bSeqBase = false;
     return true;
 }
 
-bool qv_renderer::acquire_buffer(loop_state& L, uint32_t& nSeq)
+bool qv_playout_core::acquire_buffer(loop_state& loop, uint32_t& nSeq)
 {
-    qv_v4l2_base_output_device& dev = L.bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
+    qv_v4l2_base_output_device& dev = loop.bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
                                                  : static_cast<qv_v4l2_base_output_device&>(m_video_device);
-    const bool bOk = L.bComplex ? m_mpln_device.can_render(nSeq) : m_video_device.map_image(nSeq, L.deviceImage);
+    const bool bOk = loop.bComplex ? m_mpln_device.can_render(nSeq) : m_video_device.map_image(nSeq, loop.deviceImage);
     if (bOk) {
-        L.bFailing = false;
+        loop.bFailing = false;
         return true;
     }
     // A bounded wait that ran out is no fault: the board simply has not sent
     // a frame yet (a stalled clock, or a test that steps it).
     if (dev.timed_out())
         return false;
-    if (!L.bFailing)
-        g_print(L.bComplex ? "qv_jt_renderer: device is not ready for next frame\n"
+    if (!loop.bFailing)
+        g_print(loop.bComplex ? "qv_jt_renderer: device is not ready for next frame\n"
                            : "qv_jt_renderer: can't map buffer from device\n");
-    L.bFailing = true;
+    loop.bFailing = true;
     return false;
 }
 
-void qv_renderer::hold_frame(loop_state& L)
-{
-    // L.image is still the picture that went out last.
-    m_fifo.map_silence(L.nHeld++, L.sound);
-    L.teletext.clear();
-    L.scte104.clear();
-    L.vbiBytes.clear();
-    L.timecode = qv_timecode{};
-    L.metadata = qv_frame_ancillary{};
-}
-
-int qv_renderer::fetch_frame(loop_state& L, uint32_t nIndex)
+int qv_playout_core::fetch_frame(loop_state& loop, uint32_t nIndex)
 {
     if (m_cfg.bUseVBI) {
-        L.vbiBytes.clear();
-        L.timecode = qv_timecode{};
-        return m_fifo.map_next_data_vbi(nIndex, L.image, L.sound, L.vbiBytes, &L.timecode);
+        loop.vbiBytes.clear();
+        loop.timecode = qv_timecode{};
+        return m_fifo.map_next_data_vbi(nIndex, loop.image, loop.sound, loop.vbiBytes, &loop.timecode);
     }
-    L.teletext.clear();
-    L.scte104.clear();
-    return m_fifo.map_next_data(nIndex, L.image, L.sound, L.teletext, L.scte104);
+    loop.teletext.clear();
+    loop.scte104.clear();
+    return m_fifo.map_next_data(nIndex, loop.image, loop.sound, loop.teletext, loop.scte104);
 }
 
-void qv_renderer::take_metadata(loop_state& L)
+void qv_playout_core::take_metadata(loop_state& loop)
 {
-    int64_t nShown;
-    {
-        std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-        const auto& pItem = m_fifo.m_video_fifo.m_pItem;
-        if (!pItem)
-            return;
-        nShown = pItem->index;
-    }
+    int64_t nShown = 0;
+    if (!m_fifo.shown_frame(nShown))
+        return;
     std::string strWhy;
-    const auto taken = m_ancillary.take(nShown, m_cc_queue, L.metadata, strWhy);
-    if (taken.nBad > 0 && !L.bBadCaptions) {
+    const auto taken = m_ancillary.take(nShown, m_cc_queue, loop.metadata, strWhy);
+    if (taken.nBad > 0 && !loop.bBadCaptions) {
         g_print("qv_jt_renderer: caption metadata dropped (%s); the pictures go on, further malformed captions "
                 "are dropped silently until good ones come\n",
                 strWhy.c_str());
-        GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), STREAM, FORMAT,
-                            ("sink_video: caption metadata dropped, %s; play-out goes on", strWhy.c_str()),
-                            (nullptr));
+        if (m_callbacks.caption_warning)
+            m_callbacks.caption_warning(strWhy);
     }
     if (taken.nBad > 0)
-        L.bBadCaptions = true;
+        loop.bBadCaptions = true;
     else if (taken.nBlocks > 0)
-        L.bBadCaptions = false;
+        loop.bBadCaptions = false;
 }
 
 // The time code of the frame: the VBI pad's, else the picture's own.
-const qv_timecode* qv_renderer::frame_timecode(loop_state& L)
+const qv_timecode* qv_playout_core::frame_timecode(loop_state& loop)
 {
-    if (m_cfg.bUseVBI && L.timecode.bValid)
-        return &L.timecode;
-    if (!L.metadata.timecode.bValid)
+    if (m_cfg.bUseVBI && loop.timecode.bValid)
+        return &loop.timecode;
+    if (!loop.metadata.timecode.bValid)
         return nullptr;
     std::lock_guard<std::mutex> lock(m_statistics.m_cs);
-    m_statistics.m_vbi.strTimecode = L.metadata.strTimecode;
-    return &L.metadata.timecode;
+    m_statistics.m_vbi.strTimecode = loop.metadata.strTimecode;
+    return &loop.metadata.timecode;
 }
 
-bool qv_renderer::output_frame(loop_state& L)
+void qv_playout_core::write_data_lines(loop_state& loop)
 {
-    const qv_timecode* pTimecode = frame_timecode(L);
-    if (L.bComplex) {
+    if (!loop.vbi.m_bValid)
+        return;
+    if (!loop.teletext.empty())
+        write_teletext_to_vbi(loop.teletext, loop.vbi);
+    if (!loop.scte104.empty() && !m_linesSCTE104.empty())
+        write_scte104_to_vbi(loop.scte104, loop.vbi);
+    write_metadata_to_vbi(loop.metadata, loop.vbi);
+}
+
+bool qv_playout_core::output_frame(loop_state& loop)
+{
+    const qv_timecode* pTimecode = frame_timecode(loop);
+    if (loop.bComplex) {
         if (m_cfg.bUseVBI) {
-            m_mpln_device.push_vbi(L.vbiBytes.data(), L.vbiBytes.size());
+            m_mpln_device.push_vbi(loop.vbiBytes.data(), loop.vbiBytes.size());
         } else {
-            clear_vbi_area(L.vbi);
-            m_mpln_device.init_vbi(L.vbi);
-            if (!L.teletext.empty() && L.vbi.m_bValid)
-                write_teletext_to_vbi(L.teletext, L.vbi);
-            if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
-                write_scte104_to_vbi(L.scte104, L.vbi);
-            if (L.vbi.m_bValid)
-                write_metadata_to_vbi(L.metadata, L.vbi);
-            m_mpln_device.finish_vbi(L.vbi);
+            clear_vbi_area(loop.vbi);
+            m_mpln_device.init_vbi(loop.vbi);
+            write_data_lines(loop);
+            m_mpln_device.finish_vbi(loop.vbi);
         }
         if (pTimecode)
             m_mpln_device.set_timecode(*pTimecode);
-        m_mpln_device.push_audio(L.sound);
-        m_mpln_device.push_image(L.image);
+        m_mpln_device.push_audio(loop.sound);
+        m_mpln_device.push_image(loop.image);
         return m_mpln_device.send_data();
     }
 
-    L.image.copyTo(L.deviceImage);
+    loop.image.copyTo(loop.deviceImage);
     if (m_video_device.is_vbi_open()) {
-        clear_vbi_area(L.vbi);
+        clear_vbi_area(loop.vbi);
         if (m_cfg.bUseVBI) {
-            if (m_video_device.map_vbi(L.vbi))
-                write_vbi_to_vbi(L.vbiBytes, L.vbi);
+            if (m_video_device.map_vbi(loop.vbi))
+                write_vbi_to_vbi(loop.vbiBytes, loop.vbi);
         } else {
-            if (!m_video_device.map_vbi(L.vbi))
+            if (!m_video_device.map_vbi(loop.vbi))
                 g_print("qv_jt_renderer: can't map vbi buffer from device\n");
-            if (!L.teletext.empty() && L.vbi.m_bValid)
-                write_teletext_to_vbi(L.teletext, L.vbi);
-            if (!L.scte104.empty() && L.vbi.m_bValid && !m_linesSCTE104.empty())
-                write_scte104_to_vbi(L.scte104, L.vbi);
-            if (L.vbi.m_bValid)
-                write_metadata_to_vbi(L.metadata, L.vbi);
+            write_data_lines(loop);
         }
         m_video_device.unmap_vbi();
     }
@@ -431,17 +403,17 @@ bool qv_renderer::output_frame(loop_state& L)
     return m_video_device.unmap_image();
 }
 
-void qv_renderer::start_device_when_primed(loop_state& L)
+void qv_playout_core::start_device_when_primed(loop_state& loop)
 {
     if (m_state != qv_stop_state)
         return;
     // Streaming starts with the first frame queued; the rest of the ring is
     // lent buffers that the next passes fill at once, long before the board's
     // second slot.
-    if (L.nQueued == 0)
+    if (loop.nQueued == 0)
         return;
     g_print("qvjtrenderer: start device\n");
-    if (L.bComplex) {
+    if (loop.bComplex) {
         // A failed start shows in the next buffer requests, which restart the device.
         if (m_mpln_device.is_open() && !m_mpln_device.start_device())
             g_print("qv_jt_renderer: can't start video device\n");
@@ -454,86 +426,89 @@ void qv_renderer::start_device_when_primed(loop_state& L)
     m_state = qv_run_state;
 }
 
-void qv_renderer::finish_eos(loop_state& L)
+void qv_playout_core::finish_eos(loop_state& loop)
 {
-    L.bDraining = false;
-    L.bHolding = false;
+    loop.bDraining = false;
+    loop.bHolding = false;
     m_bEosPosted = true;
     g_print("qvjtrenderer: end of stream\n");
-    GstElement* pElement = GST_ELEMENT(m_pElement);
-    GstMessage* pMsg = gst_message_new_eos(GST_OBJECT(pElement));
-    {
-        std::lock_guard<std::mutex> lock(m_csEos);
-        if (m_nEosSeqnum != 0)
-            gst_message_set_seqnum(pMsg, m_nEosSeqnum);
-    }
-    gst_element_post_message(pElement, pMsg);
+    if (m_callbacks.end_of_stream)
+        m_callbacks.end_of_stream();
     // Back to waiting for input, with the device stopped rather than underrunning.
     m_state = qv_stop_state;
-    L.bStarted = false;
-    L.bSeqBase = false;
-    L.nQueued = 0;
-    L.metadata = qv_frame_ancillary{};
-    L.tLastOpen = steady::now();
+    loop.bStarted = false;
+    loop.bSeqBase = false;
+    loop.nQueued = 0;
+    loop.metadata = qv_frame_ancillary{};
+    loop.tLastOpen = steady::now();
     if (!reset())
-        enter_down(L, "it could not be reopened");
+        enter_down(loop, "it could not be reopened");
 }
 
-bool qv_renderer::next_frame(loop_state& L, uint32_t nSeq)
+void qv_playout_core::hold_frame(loop_state& loop)
+{
+    // loop.image is still the picture that went out last.
+    m_fifo.map_silence(loop.nHeld++, loop.sound);
+    loop.teletext.clear();
+    loop.scte104.clear();
+    loop.vbiBytes.clear();
+    loop.timecode = qv_timecode{};
+    loop.metadata = qv_frame_ancillary{};
+}
+
+bool qv_playout_core::next_frame(loop_state& loop, uint32_t nSeq)
 {
     // The device numbers its frames its own way (from 0 or from 1, lent
     // buffers included): only the distance from the first one counts.
-    if (!L.bSeqBase) {
-        L.bSeqBase = true;
-        L.nSeqBase = nSeq;
+    if (!loop.bSeqBase) {
+        loop.bSeqBase = true;
+        loop.nSeqBase = nSeq;
     }
-    uint32_t nIndex = L.nStartIndex + (nSeq - L.nSeqBase);
+    uint32_t nIndex = loop.nStartIndex + (nSeq - loop.nSeqBase);
 
-    if (L.bComplex && m_bUseHWLock && hwlock_due(L, nSeq)) {
-        L.bLocked = tryHWLock(nIndex, L.nHWCorrection);
+    if (loop.bComplex && m_bUseHWLock && hwlock_due(loop, nSeq)) {
+        loop.bLocked = tryHWLock(nIndex, loop.nHWCorrection);
     }
-    if (L.bComplex && L.bLocked && L.nHWCorrection != 0) {
-        if (L.nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(L.nHWCorrection)) >= nIndex)
+    if (loop.bComplex && loop.bLocked && loop.nHWCorrection != 0) {
+        if (loop.nHWCorrection < 0 && static_cast<uint32_t>(-static_cast<int64_t>(loop.nHWCorrection)) >= nIndex)
             nIndex = 0;
         else
-            nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + L.nHWCorrection);
+            nIndex = static_cast<uint32_t>(static_cast<int64_t>(nIndex) + loop.nHWCorrection);
     }
 
     // A flush of the pictures came while this pass waited for its buffer.
-    if (m_bRebase || fetch_frame(L, nIndex) != 0) {
+    if (m_bRebase || fetch_frame(loop, nIndex) != 0) {
         const bool bFlushed = m_bRebase || m_bFlushing;
-        if (bFlushed || (m_bEos && !m_bEosPosted)) {
-            // The queue ran dry because of the flush or the end, not for want of input.
-            std::lock_guard<qv_pi_recursive_mutex> lock(m_fifo.m_csFifo);
-            m_fifo.set_state(fifo_ok, std::string());
-        }
+        // The queue ran dry because of the flush or the end, not for want of input.
+        if (bFlushed || (m_bEos && !m_bEosPosted))
+            m_fifo.clear_state();
         if (bFlushed) {
             // The pictures were flushed under this pass: hold what is on air.
-            L.bHolding = true;
-            L.bStarted = false;
-            hold_frame(L);
+            loop.bHolding = true;
+            loop.bStarted = false;
+            hold_frame(loop);
             return true;
         }
         if (m_bEos && !m_bEosPosted) {
             // Everything queued has been handed over. The buffer just taken
             // came back from the board; the rest of the ring still carries
             // frames, the last of them the stream's last.
-            L.bDraining = true;
-            L.nDrainLeft = std::max(ring_frames(L.bComplex), 1u) - 1;
-            hold_frame(L);
+            loop.bDraining = true;
+            loop.nDrainLeft = std::max(ring_frames(loop.bComplex), 1u) - 1;
+            hold_frame(loop);
             return true;
         }
-        restart_playout(L, "a FIFO underflow", false);
+        restart_playout(loop, "a FIFO underflow", false);
         return false;
     }
     m_pacer.output_at(nIndex);
-    take_metadata(L);
+    take_metadata(loop);
     return true;
 }
 
-void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
+void qv_playout_core::render_loop(std::future<void>& exit, bool bComplex)
 {
-    loop_state L(bComplex);
+    loop_state loop(bComplex);
     const bool bNoBoard = m_cfg.strV4l2Name.empty();
     qv_v4l2_base_output_device& dev = bComplex ? static_cast<qv_v4l2_base_output_device&>(m_mpln_device)
                                                : static_cast<qv_v4l2_base_output_device&>(m_video_device);
@@ -543,100 +518,100 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
         // pause here would cost a wake-up and a millisecond of margin a frame;
         // passes that did not reach the device (pre-roll, a refused buffer)
         // pause, so that they do not spin.
-        const bool bIdle = L.bDown || bNoBoard;
+        const bool bIdle = loop.bDown || bNoBoard;
         const auto pause = bIdle ? std::chrono::milliseconds(k_idle_wait)
-                                 : std::chrono::milliseconds(L.bPaced ? 0 : 1);
-        L.bPaced = false;
+                                 : std::chrono::milliseconds(loop.bPaced ? 0 : 1);
+        loop.bPaced = false;
         if (exit.wait_for(pause) == std::future_status::ready)
             break;
         const auto now = steady::now();
         {
             std::lock_guard<std::mutex> lock(m_statistics.m_cs);
             m_statistics.m_nSystemTime =
-                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - L.tStart).count());
+                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - loop.tStart).count());
         }
         if (bNoBoard) {
             // Nothing to play to: the inputs are still watched.
-            account_idle_slots(L);
+            account_idle_slots(loop);
             continue;
         }
-        if (L.bDown) {
-            account_idle_slots(L);
-            try_recover(L);
+        if (loop.bDown) {
+            account_idle_slots(loop);
+            try_recover(loop);
             continue;
         }
-        if (L.bDraining && L.nDrainLeft == 0) {
-            finish_eos(L);
+        if (loop.bDraining && loop.nDrainLeft == 0) {
+            finish_eos(loop);
             continue;
         }
         if (m_bRebase.exchange(false)) {
             // A flush: once the board runs, it goes on with the picture on
             // air; before that there is nothing to hold.
-            if (!L.bHolding)
+            if (!loop.bHolding)
                 g_print("qvjtrenderer: flush: %s until the new position has pre-rolled\n",
                         m_state == qv_run_state ? "holding the picture on air" : "waiting");
-            L.bHolding = m_state == qv_run_state;
-            L.nHeld = 0;
-            L.bStarted = false;
-            L.bSeqBase = false;
-            L.bDraining = false;
+            loop.bHolding = m_state == qv_run_state;
+            loop.nHeld = 0;
+            loop.bStarted = false;
+            loop.bSeqBase = false;
+            loop.bDraining = false;
         }
         if (m_bFlush.exchange(false)) {
-            L.bHolding = false;
-            L.tLastOpen = now;
+            loop.bHolding = false;
+            loop.tLastOpen = now;
             m_state = qv_stop_state;
-            L.bStarted = false;
-            L.nQueued = 0;
-            L.metadata = qv_frame_ancillary{};
+            loop.bStarted = false;
+            loop.nQueued = 0;
+            loop.metadata = qv_frame_ancillary{};
             if (!reset())
-                enter_down(L, "it could not be reopened");
+                enter_down(loop, "it could not be reopened");
             continue;
         }
-        if (m_fifo.m_state != fifo_ok) {
-            restart_playout(L, m_fifo.m_state == fifo_underflow ? "a FIFO underflow" : "a FIFO overflow", false);
+        if (const qv_fifo_state eState = m_fifo.state(); eState != fifo_ok) {
+            restart_playout(loop, eState == fifo_underflow ? "a FIFO underflow" : "a FIFO overflow", false);
             continue;
         }
-        if (!L.bStarted) {
-            account_idle_slots(L);
-            if (preroll_done(L))
-                L.bHolding = false;
-            else if (!L.bHolding)
+        if (!loop.bStarted) {
+            account_idle_slots(loop);
+            if (preroll_done(loop))
+                loop.bHolding = false;
+            else if (!loop.bHolding)
                 continue;
         }
         uint32_t nSeq = 0;
-        if (!acquire_buffer(L, nSeq)) {
-            L.bStarted = !L.bHolding;
-            account_idle_slots(L);
+        if (!acquire_buffer(loop, nSeq)) {
+            loop.bStarted = !loop.bHolding;
+            account_idle_slots(loop);
             if (dev.needs_restart() || !dev.is_open())
-                restart_playout(L, "an output device failure", true);
+                restart_playout(loop, "an output device failure", true);
             continue;
         }
-        L.bStarted = !L.bHolding;
-        L.bPaced = true;
-        if (L.bDraining) {
-            --L.nDrainLeft;
-            hold_frame(L);
-        } else if (L.bHolding) {
-            hold_frame(L);
-        } else if (!next_frame(L, nSeq)) {
+        loop.bStarted = !loop.bHolding;
+        loop.bPaced = true;
+        if (loop.bDraining) {
+            --loop.nDrainLeft;
+            hold_frame(loop);
+        } else if (loop.bHolding) {
+            hold_frame(loop);
+        } else if (!next_frame(loop, nSeq)) {
             continue;
         }
-        if (!output_frame(L)) {
+        if (!output_frame(loop)) {
             if (dev.needs_restart())
-                restart_playout(L, "an output device failure", true);
+                restart_playout(loop, "an output device failure", true);
             continue;
         }
         m_alarmDispatcher.frame_event();
-        L.tSlotsCounted = steady::now();
-        ++L.nQueued;
+        loop.tSlotsCounted = steady::now();
+        ++loop.nQueued;
 
-        if (!bComplex && m_audio_device.is_open() && !m_audio_device.write(L.sound)) {
-            restart_playout(L, "an ALSA write failure", true);
+        if (!bComplex && m_audio_device.is_open() && !m_audio_device.write(loop.sound)) {
+            restart_playout(loop, "an ALSA write failure", true);
             continue;
         }
-        start_device_when_primed(L);
-        if (m_state == qv_run_state && ++L.nSinceWatchdog >= watchdog_period_frames(m_fFps)) {
-            L.nSinceWatchdog = 0;
+        start_device_when_primed(loop);
+        if (m_state == qv_run_state && ++loop.nSinceWatchdog >= watchdog_period_frames(m_fFps)) {
+            loop.nSinceWatchdog = 0;
             dev.check_watchdog();
         }
     }
@@ -654,4 +629,3 @@ void qv_renderer::render_loop(std::future<void>& exit, bool bComplex)
     g_print("qv_jt_renderer: stop renderer thread\n");
     m_state = qv_stop_state;
 }
-

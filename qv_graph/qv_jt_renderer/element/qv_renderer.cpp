@@ -27,7 +27,8 @@ qv_renderer::qv_renderer(_Gstqvjtrenderer* pElement, GstElementClass* pParentCla
       m_pElement(pElement),
       m_pParentClass(pParentClass),
       m_fifo(m_statistics, m_alarmDispatcher),
-      m_reporter(GST_ELEMENT(pElement), m_statistics)
+      m_reporter(GST_ELEMENT(pElement), m_statistics),
+      m_core(playout_parts(), playout_callbacks())
 {
     // Without an alarm manager the application still sees alarms, on the bus.
     qv_bus_alarm_install(m_alarmDispatcher, GST_ELEMENT(pElement));
@@ -41,6 +42,86 @@ qv_renderer::qv_renderer(_Gstqvjtrenderer* pElement, GstElementClass* pParentCla
 }
 
 qv_renderer::~qv_renderer() = default;
+
+qv_playout_parts qv_renderer::playout_parts()
+{
+    return {m_cs,           m_statistics,       m_alarmDispatcher,  m_video_device, m_audio_device,
+            m_mpln_device,  m_fifo,             m_state,            m_cfg,          m_nLatency,
+            m_nBufferCapacity, m_bUseHWLock,    m_nHWFrameStep,     m_fFps,         m_nDebugDiffHW,
+            m_linesSCTE104, m_scte104_encoder,  m_teletext_encoder, m_time_starter, m_pacer,
+            m_ancillary,    m_cc_queue,         m_ccReported,       m_nCaptionRow,  m_nAfdRow,
+            m_bAncSD,       m_ancLine,          m_bOutputDown,      m_bEos,         m_bEosPosted,
+            m_bFlush,       m_bFlushing,        m_bRebase,          m_bPacedInput};
+}
+
+qv_playout_callbacks qv_renderer::playout_callbacks()
+{
+    qv_playout_callbacks callbacks;
+    callbacks.end_of_stream = [this] { post_eos(); };
+    callbacks.caption_warning = [this](const std::string& strWhy) {
+        GST_ELEMENT_WARNING(GST_ELEMENT(m_pElement), STREAM, FORMAT,
+                            ("sink_video: caption metadata dropped, %s; play-out goes on", strWhy.c_str()),
+                            (nullptr));
+    };
+    callbacks.restarted = [this](const char* pReason) { m_reporter.note_restart(pReason); };
+    callbacks.awaited_audio_lines = [this] { return awaited_audio_lines(); };
+    return callbacks;
+}
+
+void qv_renderer::post_eos()
+{
+    GstElement* pElement = GST_ELEMENT(m_pElement);
+    GstMessage* pMsg = gst_message_new_eos(GST_OBJECT(pElement));
+    {
+        std::lock_guard<std::mutex> lock(m_csEos);
+        if (m_nEosSeqnum != 0)
+            gst_message_set_seqnum(pMsg, m_nEosSeqnum);
+    }
+    gst_element_post_message(pElement, pMsg);
+}
+
+std::vector<unsigned> qv_renderer::awaited_audio_lines()
+{
+    std::vector<unsigned> lines;
+    std::lock_guard<std::mutex> lock(m_csEos);
+    for (const auto& p : m_list_audio_pad) {
+        GstPad* pPad = p->pad.get();
+        if (isConnect(pPad) && std::find(m_eosPads.begin(), m_eosPads.end(), pPad) == m_eosPads.end())
+            lines.push_back(static_cast<unsigned>(p->nIndex));
+    }
+    return lines;
+}
+
+bool qv_renderer::tryHWLock(uint32_t index, int32_t& correction)
+{
+    return m_core.tryHWLock(index, correction);
+}
+
+void qv_renderer::PrintStat(uint32_t index, int32_t correction, uint32_t hw, uint32_t lastFrameHW,
+                            const std::vector<qv_fifo_item_stat>& stat)
+{
+    m_core.PrintStat(index, correction, hw, lastFrameHW, stat);
+}
+
+void qv_renderer::write_teletext_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
+{
+    m_core.write_teletext_to_vbi(data, vbi);
+}
+
+void qv_renderer::write_scte104_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
+{
+    m_core.write_scte104_to_vbi(data, vbi);
+}
+
+void qv_renderer::write_vbi_to_vbi(const std::vector<uint8_t>& data, qv_vbi_data& vbi)
+{
+    qv_playout_core::write_vbi_to_vbi(data, vbi);
+}
+
+void qv_renderer::write_metadata_to_vbi(const qv_frame_ancillary& current, qv_vbi_data& vbi)
+{
+    m_core.write_metadata_to_vbi(current, vbi);
+}
 
 void qv_renderer::set_property(guint id, const GValue* value, GParamSpec* pspec)
 {
@@ -245,79 +326,14 @@ bool qv_renderer::open()
     return false;
 }
 
-namespace {
-
-// Why a node that CheckDevice refused cannot be used, in words for the operator.
-std::string describe_unusable_node(const std::string& strName)
-{
-    const int h = ::open(strName.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
-    if (h == -1)
-        return std::strerror(errno);
-    ::close(h);
-    return "not a video device";
-}
-
-} // namespace
-
 bool qv_renderer::open_devices(std::string& strError)
 {
-    std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (m_cfg.strV4l2Name.empty())
-        return true;
-    const qv_v4l2_enum_sdi_mode mode = static_cast<qv_v4l2_enum_sdi_mode>(m_cfg.nMode);
-    int fd = -1;
-    const auto type = qv_v4l2_base_output_device::CheckDevice(fd, m_cfg.strV4l2Name);
-    bool bOk = false;
-    switch (type) {
-    case qv_v4l2_base_output_device::eDTSepare:
-        if (!m_video_device.init_device(fd, m_cfg.strV4l2Name, mode, m_cfg.eTimeCodeType, m_cfg.bUseWatchdog,
-                                        m_cfg.nHWBuffers)) {
-            strError = "the device is busy or cannot take the configured mode";
-            break;
-        }
-        if (!m_cfg.strAlsaName.empty() && !m_audio_device.open_device(m_cfg.strAlsaName, m_cfg.nAudioLines)) {
-            m_video_device.close_device();
-            strError = "the ALSA device \"" + m_cfg.strAlsaName + "\" cannot be opened";
-            break;
-        }
-        bOk = true;
-        break;
-    case qv_v4l2_base_output_device::eDTMultiPlane:
-        if (!m_mpln_device.init_device(fd, m_cfg.strV4l2Name, mode, m_cfg.eTimeCodeType, m_cfg.bUseWatchdog,
-                                       m_cfg.nHWBuffers, m_cfg.bFullColorRange, m_cfg.nAudioLines)) {
-            g_print("qvjtrenderer: m_mpln_device.init_device ERROR !!!\n");
-            strError = "the device is busy or cannot take the configured mode";
-            break;
-        }
-        bOk = true;
-        break;
-    case qv_v4l2_base_output_device::eDTUnknown:
-        strError = "not a video output device";
-        break;
-    default:
-        strError = describe_unusable_node(m_cfg.strV4l2Name);
-        break;
-    }
-    if (fd != -1)
-        ::close(fd);
-    return bOk;
+    return m_core.open_devices(strError);
 }
 
 void qv_renderer::close_devices()
 {
-    std::lock_guard<std::recursive_mutex> lock(m_cs);
-    if (m_mpln_device.is_open()) {
-        m_mpln_device.stop_device();
-        m_mpln_device.close_device();
-    }
-    if (m_video_device.is_open()) {
-        m_video_device.stop_device();
-        m_video_device.close_device();
-    }
-    if (m_audio_device.is_open()) {
-        m_audio_device.stop_device();
-        m_audio_device.close_device();
-    }
+    m_core.close_devices();
 }
 
 bool qv_renderer::open_checked(std::string& strError)
@@ -597,24 +613,17 @@ void qv_renderer::close()
 
 bool qv_renderer::reset()
 {
-    // The pads' add calls read the devices under m_cs; they must not see a
-    // device half closed or half reopened. close() never waits for this
-    // thread while holding m_cs: the render thread is stopped before it.
-    std::lock_guard<std::recursive_mutex> lock(m_cs);
-    g_print("qvjtrenderer: start reset\n");
-    close_devices();
-    m_fifo.reset();
-    m_time_starter.reset();
-    // Pictures are numbered afresh: what waited for the old numbers would wait for ever.
-    m_ancillary.clear();
-    m_cc_queue.clear();
-    m_pacer.restart();
-    std::string strError;
-    const bool bOk = open_devices(strError);
-    if (!bOk)
-        g_print("qvjtrenderer: output device not reopened: %s\n", strError.c_str());
-    g_print("qvjtrenderer: stop reset\n");
-    return bOk;
+    return m_core.reset();
+}
+
+void qv_renderer::work_thread_separate(std::future<void>&& exit)
+{
+    m_core.render_loop(exit, false);
+}
+
+void qv_renderer::work_thread_complex(std::future<void>&& exit)
+{
+    m_core.render_loop(exit, true);
 }
 
 void qv_renderer::pad_event(GstPad* pPad, GstEvent* pEvent)

@@ -1,14 +1,17 @@
 // Lock of the output frame index to the input hardware time (multi-plane boards).
-#include "qv_renderer.h"
+// Every message goes through g_print, like the rest of the play-out's console.
+#include "qv_playout_core.h"
+
+#include <glib.h>
 
 #include <chrono>
-#include <cstdio>
+#include <cmath>
 
 namespace {
 using steady = std::chrono::steady_clock;
 }
 
-bool qv_renderer::tryHWLock(uint32_t index, int32_t& correction)
+bool qv_playout_core::tryHWLock(uint32_t index, int32_t& correction)
 {
     const uint32_t lastFrameHW = m_mpln_device.get_last_frame_hw();
     if (lastFrameHW == 0)
@@ -47,44 +50,37 @@ bool qv_renderer::tryHWLock(uint32_t index, int32_t& correction)
     const double diffFrames = static_cast<double>(diff) / step;
     const int32_t threshold = (2 * step) / 3;
 
-    if (diff > threshold) {
-        if (diffFrames > 10.0) {
-            std::printf("!!!!!!! tryHWLock[%d+%d] : diff=%.1f ms => correct to %.1f frames backward !!!!!!!\n",
-                        static_cast<int>(index), correction, diffMs, diffFrames);
+    if (diff > threshold || diff < -threshold) {
+        // Positive: the output runs late against the input and skips ahead.
+        const char* pWay = diff > 0 ? "backward" : "forward";
+        if (std::fabs(diffFrames) > 10.0) {
+            g_print("!!!!!!! tryHWLock[%d+%d] : diff=%.1f ms => correct to %.1f frames %s !!!!!!!\n",
+                    static_cast<int>(index), correction, diffMs, diffFrames, pWay);
             PrintStat(index, correction, hw, lastFrameHW, stat);
             return false;
         }
-        std::printf("+++++++ tryHWLock[%d+%d] : diff=%.1f ms  => correct to %.1f frames backward +++++++\n",
-                    static_cast<int>(index), correction, diffMs, diffFrames);
-        correction += static_cast<int32_t>(diffFrames + 0.499);
-        return true;
-    }
-    if (diff < -threshold) {
-        if (diffFrames < -10.0) {
-            std::printf("!!!!!!! tryHWLock[%d+%d] : diff=%.1f ms => correct to %.1f frames forward !!!!!!!\n",
-                        static_cast<int>(index), correction, diffMs, diffFrames);
-            PrintStat(index, correction, hw, lastFrameHW, stat);
-            return false;
-        }
-        std::printf("+++++++ tryHWLock[%d+%d] : diff=%.1f ms  => correct to %.1f frames forward +++++++\n",
-                    static_cast<int>(index), correction, diffMs, diffFrames);
-        correction -= static_cast<int32_t>(0.499 - diffFrames);
+        g_print("+++++++ tryHWLock[%d+%d] : diff=%.1f ms  => correct to %.1f frames %s +++++++\n",
+                static_cast<int>(index), correction, diffMs, diffFrames, pWay);
+        if (diff > 0)
+            correction += static_cast<int32_t>(diffFrames + 0.499);
+        else
+            correction -= static_cast<int32_t>(0.499 - diffFrames);
         return true;
     }
     const auto ms = static_cast<int32_t>(0.499 + diffMs);
     if (ms >= m_nDebugDiffHW - 1 && ms <= m_nDebugDiffHW + 1)
         return true;
-    std::printf("+++++++ tryHWLock[%d+%d] : diff=%.1f ms == %.1f frames +++++++\n", static_cast<int>(index),
-                correction, diffMs, diffFrames);
+    g_print("+++++++ tryHWLock[%d+%d] : diff=%.1f ms == %.1f frames +++++++\n", static_cast<int>(index), correction,
+            diffMs, diffFrames);
     m_nDebugDiffHW = ms;
     return true;
 }
 
-void qv_renderer::PrintStat(uint32_t index, int32_t correction, uint32_t hw, uint32_t lastFrameHW,
+void qv_playout_core::PrintStat(uint32_t index, int32_t correction, uint32_t hw, uint32_t lastFrameHW,
                             const std::vector<qv_fifo_item_stat>& stat)
 {
     for (const auto& item : stat)
-        std::printf(" [%ld]%.1f", static_cast<long>(item.index), static_cast<int32_t>(hw - item.hw_time) / 148500.0);
-    std::printf("  cur-last=%.1f  index=%d+%d -------\n", static_cast<int32_t>(hw - lastFrameHW) / 148500.0,
-                static_cast<int>(index), correction);
+        g_print(" [%ld]%.1f", static_cast<long>(item.index), static_cast<int32_t>(hw - item.hw_time) / 148500.0);
+    g_print("  cur-last=%.1f  index=%d+%d -------\n", static_cast<int32_t>(hw - lastFrameHW) / 148500.0,
+            static_cast<int>(index), correction);
 }
