@@ -53,7 +53,7 @@ TEST(RenderLoop, OpensABoardItFindsClosed)
         rig r(kind, 0);
         r.open(false);
         r.start(kind == NodeKind::multi_plane);
-        EXPECT_TRUE(r.step_until([&] { return r.sent() >= 5; }, 60));
+        EXPECT_TRUE(r.step_until([&] { return r.sent() >= 5; }, 200));
         r.stop();
     }
 }

@@ -44,6 +44,8 @@ int parse_options(int& argc, char**& argv, playout_options& o)
         {"seconds", 's', 0, G_OPTION_ARG_INT, &o.seconds,
          "How long to play (test programme: 3; playlist: to its end)", "S"},
         {"audio-lines", 'n', 0, G_OPTION_ARG_INT, &o.audio_lines, "Audio lines (0 to 8)", "N"},
+        {"stats-interval", 0, 0, G_OPTION_ARG_INT, &o.stats_interval,
+         "Print the element's statistics message every MS while playing (0: only at the end)", "MS"},
         {"latency", 'l', 0, G_OPTION_ARG_INT, &o.latency,
          "Pre-roll in ms (test programme: 200; playlist: 1000)", "MS"},
         {"width", 0, 0, G_OPTION_ARG_INT, &o.width, "Test picture width", "W"},

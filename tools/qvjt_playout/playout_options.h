@@ -12,6 +12,7 @@ struct playout_options {
     int mode = 0;
     int seconds = -1; // -1: the test programme's 3 s, or a playlist to its end
     int audio_lines = 1;
+    int stats_interval = 0; // ms between printed statistics messages; 0: none
     int latency = -1; // -1: 200 ms for the test programme, 1000 ms for a playlist
     int width = 720;
     int height = 576;

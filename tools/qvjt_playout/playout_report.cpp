@@ -11,6 +11,13 @@ void print_message(GstMessage* msg)
         if (s && gst_structure_has_name(s, "qvjtrenderer-alarm"))
             std::printf("alarm %s: %s (%s)\n", gst_structure_get_string(s, "action"),
                         gst_structure_get_string(s, "alarm"), gst_structure_get_string(s, "text"));
+        if (s && gst_structure_has_name(s, "qvjtrenderer-stats")) {
+            // One line a message, for whoever watches the play-out over time.
+            gchar* text = gst_structure_to_string(s);
+            std::printf("stats %s\n", text);
+            g_free(text);
+            std::fflush(stdout);
+        }
     } else if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR || GST_MESSAGE_TYPE(msg) == GST_MESSAGE_WARNING) {
         GError* err = nullptr;
         gchar* dbg = nullptr;

@@ -29,6 +29,8 @@ std::string element_text(const playout_options& o)
         p += " alsa=\"" + o.alsa + "\"";
     if (!o.line_map.empty())
         p += " line-map=\"" + o.line_map + "\"";
+    if (o.stats_interval > 0)
+        p += " stats-interval=" + std::to_string(o.stats_interval);
     return p;
 }
 

@@ -156,6 +156,12 @@ gboolean gst_qvjtrenderer_send_event(GstElement* element, GstEvent* event)
     return parent_class->send_event(element, event);
 }
 
+GstClock* gst_qvjtrenderer_provide_clock(GstElement* element)
+{
+    qv_renderer* pRenderer = reinterpret_cast<Gstqvjtrenderer*>(element)->pRenderer;
+    return pRenderer ? pRenderer->board_clock() : nullptr;
+}
+
 void gst_qvjtrenderer_class_init(gpointer klass, gpointer)
 {
     parent_class = GST_ELEMENT_CLASS(g_type_class_peek_parent(klass));
@@ -165,6 +171,7 @@ void gst_qvjtrenderer_class_init(gpointer klass, gpointer)
     gobject_class->get_property = gst_qvjtrenderer_get_property;
     GST_ELEMENT_CLASS(klass)->change_state = gst_qvjtrenderer_change_state;
     GST_ELEMENT_CLASS(klass)->send_event = gst_qvjtrenderer_send_event;
+    GST_ELEMENT_CLASS(klass)->provide_clock = gst_qvjtrenderer_provide_clock;
     install_properties(gobject_class);
 }
 
@@ -174,6 +181,8 @@ void gst_qvjtrenderer_init(GTypeInstance* instance, gpointer)
     self->pRenderer = nullptr;
     // A sink: bins wait for its end-of-stream before they post their own.
     GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_SINK);
+    // Like an audio sink, it offers its device's clock: the board's frames.
+    GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_PROVIDE_CLOCK);
     // If construction throws, operator new frees the memory and the exception propagates.
     self->pRenderer = new qv_renderer(self, parent_class);
 }

@@ -28,6 +28,7 @@ qv_renderer::qv_renderer(_Gstqvjtrenderer* pElement, GstElementClass* pParentCla
       m_pParentClass(pParentClass),
       m_fifo(m_statistics, m_alarmDispatcher),
       m_reporter(GST_ELEMENT(pElement), m_statistics),
+      m_boardClock([this](uint32_t& nFrames, double& fFps) { return board_frames(nFrames, fFps); }),
       m_core(playout_parts(), playout_callbacks())
 {
     // Without an alarm manager the application still sees alarms, on the bus.
@@ -42,6 +43,19 @@ qv_renderer::qv_renderer(_Gstqvjtrenderer* pElement, GstElementClass* pParentCla
 }
 
 qv_renderer::~qv_renderer() = default;
+
+bool qv_renderer::board_frames(uint32_t& nFrames, double& fFps)
+{
+    if (m_state != qv_run_state)
+        return false;
+    {
+        std::lock_guard<std::mutex> lock(m_statistics.m_cs);
+        nFrames = m_statistics.nSeqFromDevice;
+    }
+    fFps = m_fBoardFps;
+    // 0: no frame since the play-out (re)started.
+    return nFrames != 0;
+}
 
 qv_playout_parts qv_renderer::playout_parts()
 {
@@ -400,6 +414,7 @@ bool qv_renderer::open_checked(std::string& strError)
         bDevice = true;
     }
     m_fFps = fps;
+    m_fBoardFps = fps;
     // A producer that is not live may run the latency and two frames ahead of
     // the output: enough for the pre-roll, well within the FIFOs' depth.
     m_pacer.configure(static_cast<int64_t>(std::ceil(m_nLatency * fps / 1000.0)) + 2, fps);

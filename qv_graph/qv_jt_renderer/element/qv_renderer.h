@@ -7,6 +7,7 @@
 
 #include "qv_alarms_dispatcher.h"
 #include "qv_alsa_output_device.h"
+#include "qv_board_clock.h"
 #include "qv_cc_queue.h"
 #include "qv_fifo_engine.h"
 #include "qv_frame_ancillary.h"
@@ -84,6 +85,10 @@ public:
     static bool isConnect(GstPad* pPad);
     // An upstream event sent to the element (a seek): up a linked sink pad.
     bool send_upstream(GstEvent* pEvent);
+    // The board's frame count and rate while it streams (the clock's source).
+    bool board_frames(uint32_t& nFrames, double& fFps);
+    // A new reference to the board's clock.
+    GstClock* board_clock() const { return m_boardClock.clock(); }
     bool isAudioConnect() const;
     size_t audio_pad_count() const { return m_list_audio_pad.size(); }
 
@@ -239,6 +244,10 @@ private:
     std::atomic<bool> m_bPacedInput{false}; // some input is not live (a file): it is paced and pre-rolls all streams
     std::string m_strLineMap; // "line-map" as set; empty when the table came from "vbi_lines"
     qv_stats_reporter m_reporter;
+    std::atomic<double> m_fBoardFps{25.0}; // m_fFps, for the clock's callers on any thread
+    // The board's frame clock, offered to the pipeline; reads the frame count
+    // the devices report to the statistics.
+    qv_board_clock m_boardClock;
     // Last: it borrows the members above.
     qv_playout_core m_core;
 };
