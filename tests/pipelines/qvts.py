@@ -2,8 +2,10 @@
 elements, the simulated board under a preloaded process, and the reading of
 what the board sent out."""
 
+import json
 import os
 import subprocess
+import sys
 
 import gi
 
@@ -263,6 +265,21 @@ def label_teletext(path):
         rest = 188 - sec_at
         data[i + sec_at:i + 188] = body + b"\xff" * (rest - len(body))
     open(path, "wb").write(data)
+
+
+def run_player(script, build_dir, work, board, play_args, timeout=240):
+    """Runs `script --play ...` in a child process with the simulated board
+    (QVBOARDSIM text) preloaded: (what it reported on its RESULT line as
+    JSON, its console); None for the first, with the console printed, when
+    it failed."""
+    env = sim_env(build_dir, work, board)
+    run = subprocess.run([sys.executable, os.path.abspath(script), "--build-dir", build_dir, "--play", *play_args],
+                         env=env, capture_output=True, text=True, timeout=timeout)
+    lines = [ln for ln in run.stdout.splitlines() if ln.startswith("RESULT ")]
+    if run.returncode != 0 or not lines:
+        print(f"player failed ({run.returncode})\n{run.stdout[-3000:]}\n{run.stderr[-3000:]}")
+        return None, run.stdout
+    return json.loads(lines[-1][len("RESULT "):]), run.stdout
 
 
 def sim_env(build_dir, workdir, boards):

@@ -11,7 +11,6 @@ first sample of the field that shows the clip's first picture."""
 import argparse
 import json
 import os
-import subprocess
 import sys
 import tempfile
 
@@ -99,21 +98,16 @@ def main():
             first += n
         cap = os.path.join(work, "out.qvcap")
         board = f"[board];kind=multi;video=/dev/video0;mode=0;pacing=realtime;capture={cap}"
-        env = qvts.sim_env(args.build_dir, work, board)
-        run = subprocess.run([sys.executable, os.path.abspath(__file__), "--build-dir", args.build_dir,
-                              "--play", *clips], env=env, capture_output=True, text=True, timeout=240)
-        lines = [ln for ln in run.stdout.splitlines() if ln.startswith("RESULT ")]
-        if run.returncode != 0 or not lines:
-            print(f"player failed ({run.returncode})\n{run.stdout[-3000:]}\n{run.stderr[-3000:]}")
+        result, console = qvts.run_player(__file__, args.build_dir, work, board, clips)
+        if result is None:
             return 1
-        result = json.loads(lines[-1][len("RESULT "):])
         frames, audio = qvts.read_capture(args.build_dir, cap)
         failures = check(frames, audio, result)
         print(f"{len(frames)} records, audio {audio}, restarts {result['restarts']}, warnings {result['warnings'][:3]}")
         for f in failures:
             print(f"FAIL {f}")
         if failures:
-            print("player console:\n" + run.stdout[-4000:])
+            print("player console:\n" + console[-4000:])
         return 1 if failures else 0
 
 

@@ -9,7 +9,6 @@ with the play-out never restarted."""
 import argparse
 import json
 import os
-import subprocess
 import sys
 import tempfile
 
@@ -122,14 +121,9 @@ def main():
         qvts.build_ts(ts, 720, 576, FRAMES, lambda f: [(True, 7, 1)], [])
         cap = os.path.join(work, "seek.qvcap")
         board = f"[board];kind=single;video=/dev/video0;mode=0;pacing=realtime;capture={cap}"
-        env = qvts.sim_env(args.build_dir, work, board)
-        run = subprocess.run([sys.executable, os.path.abspath(__file__), "--build-dir", args.build_dir,
-                              "--play", ts], env=env, capture_output=True, text=True, timeout=240)
-        lines = [ln for ln in run.stdout.splitlines() if ln.startswith("RESULT ")]
-        if run.returncode != 0 or not lines:
-            print(f"player failed ({run.returncode})\n{run.stdout[-3000:]}\n{run.stderr[-3000:]}")
+        result, _ = qvts.run_player(__file__, args.build_dir, work, board, [ts])
+        if result is None:
             return 1
-        result = json.loads(lines[-1][len("RESULT "):])
         frames, _ = qvts.read_capture(args.build_dir, cap)
         failures = check(frames, result)
     for f in failures:

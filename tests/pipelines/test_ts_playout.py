@@ -11,7 +11,6 @@ by itself."""
 import argparse
 import json
 import os
-import subprocess
 import sys
 import tempfile
 
@@ -157,16 +156,11 @@ def main():
             qvts.build_ts(ts, v["width"], v["height"], v["frames"], teletext_units, [(CUE_EVENT, CUE_TIME)])
             cap = os.path.join(work, name + ".qvcap")
             board = f"[board];kind={v['board']};video=/dev/video0;mode={v['mode']};pacing=realtime;capture={cap}"
-            env = qvts.sim_env(args.build_dir, work, board)
-            run = subprocess.run([sys.executable, os.path.abspath(__file__), "--build-dir", args.build_dir,
-                                  "--play", ts, "--variant", name], env=env, capture_output=True, text=True,
-                                 timeout=240)
-            lines = [ln for ln in run.stdout.splitlines() if ln.startswith("RESULT ")]
-            if run.returncode != 0 or not lines:
-                print(f"{name}: player failed ({run.returncode})\n{run.stdout[-3000:]}\n{run.stderr[-3000:]}")
+            result, _ = qvts.run_player(__file__, args.build_dir, work, board, [ts, "--variant", name])
+            if result is None:
+                print(f"{name}: FAIL the player failed")
                 failed = True
                 continue
-            result = json.loads(lines[-1][len("RESULT "):])
             frames, result["audio"] = qvts.read_capture(args.build_dir, cap)
             failures = check(name, frames, result)
             print(f"{name}: {len(frames)} records, stats {result['stats']}, "
