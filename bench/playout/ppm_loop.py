@@ -43,7 +43,10 @@ def run(args, work, ppm, playlist):
     tool = os.path.join(args.build_dir, "tools", "qvjt_playout", "qvjt-playout")
     cmd = [tool, "--v4l2", dev, "--mode", "0", "--audio-lines", "1", "--playlist", playlist, "--loop",
            "--seconds", str(args.seconds), "--stats-interval", "1000"]
-    return subprocess.Popen(cmd, env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    # Each board's console goes to a file: read through pipes one after the
+    # other, a full pipe would stall the board whose turn has not come.
+    log = open(os.path.join(work, f"ppm{ppm}.log"), "w+")
+    return subprocess.Popen(cmd, env=env, stdout=log, stderr=subprocess.STDOUT, text=True), log
 
 
 def report(ppm, output, seconds):
@@ -78,9 +81,11 @@ def main():
             f.write("\n".join(names) + "\n")
         offsets = [int(p) for p in args.ppm.split(",")]
         procs = [(ppm, run(args, work, ppm, playlist)) for ppm in offsets]
-        for ppm, proc in procs:
-            out, _ = proc.communicate(timeout=args.seconds + 120)
-            print(report(ppm, out, args.seconds))
+        for ppm, (proc, log) in procs:
+            proc.wait(timeout=args.seconds + 120)
+            log.seek(0)
+            print(report(ppm, log.read(), args.seconds))
+            log.close()
 
 
 if __name__ == "__main__":

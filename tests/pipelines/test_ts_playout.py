@@ -99,6 +99,10 @@ def check(variant, frames, result):
     order = qvts.shown_frames(frames, 2 if v["board"] == "multi" else 1)
     expect(order[:v["frames"]] == list(range(v["frames"])) and set(order[v["frames"]:]) <= {v["frames"] - 1},
            f"pictures out of order, missing or repeated: {qvts.describe(order, v['frames'])}")
+    # The end of the stream is posted once the last picture has gone out: the
+    # board holds it only until the application stops the pipeline, well
+    # under two seconds later.
+    expect(len(order) - v["frames"] <= 50, f"the last picture was held for {len(order) - v['frames']} frames")
 
     # Teletext on its lines: SD as a waveform on the packet's own line of its
     # field; HD as OP-47 packets on the first lines of the map.
