@@ -14,10 +14,14 @@
 // processes still playing at the end, fields dropped, pictures skipped and
 // repeated, FIFO restarts, CPU a frame and the total resident memory, sampled
 // every two seconds (flat or not: min / max after the first minute, or after
-// the warm-up in shorter runs). Channels start a quarter of a second apart.
+// the warm-up in shorter runs). Channels start a quarter of a second apart
+// unless --stagger-ms says otherwise.
+//
+// FOOTPRINT_CLOCK=system puts every pipeline on the system clock instead of
+// the one GStreamer chooses (the board's, where the element offers it).
 //
 // Usage: footprint_bench [--rasters 1080i50,2160p50,720p50] [--warmup S] [--seconds S] [--load N]
-//        footprint_bench --channels 8,16,24,32 [--warmup S] [--seconds S]
+//        footprint_bench --channels 8,16,24,32 [--warmup S] [--seconds S] [--stagger-ms MS]
 //        footprint_bench --one SINK RASTER LATENCY CAPACITY WARMUP SECONDS BOARD CYCLES
 #include "footprint_run.h"
 
@@ -46,6 +50,7 @@ struct options {
     double warmup = 10.0;
     double seconds = 20.0;
     int load = 0;
+    int stagger_ms = 250;
 };
 
 std::vector<std::string> split(const std::string& s)
@@ -212,12 +217,18 @@ bool channels(const options& o)
 {
     bool all = true;
     for (int n : o.channels) {
-        // Started a quarter of a second apart, as a station brings channels
-        // up: a storm of simultaneous starts measures the storm, not a channel.
+        // Started --stagger-ms apart (a quarter of a second unless told), as a
+        // station brings channels up: a storm of simultaneous starts measures
+        // the storm, not a channel.
+        // An earlier channel warms up longer, so that every channel measures
+        // the same last --seconds, all of them running.
         std::vector<child> kids;
         for (int i = 0; i < n; ++i) {
-            kids.push_back(spawn(one_args("qv-multi", "1080i50", 2000, 5000, o, i, 0)));
-            std::this_thread::sleep_for(std::chrono::milliseconds(250));
+            options mine = o;
+            mine.warmup += (n - 1 - i) * o.stagger_ms / 1000.0;
+            kids.push_back(spawn(one_args("qv-multi", "1080i50", 2000, 5000, mine, i, 0)));
+            if (i + 1 < n)
+                std::this_thread::sleep_for(std::chrono::milliseconds(o.stagger_ms));
         }
         // Total resident memory every two seconds; flatness is judged after
         // the first minute (or after the warm-up in runs shorter than that).
@@ -227,7 +238,7 @@ bool channels(const options& o)
         for (;;) {
             std::this_thread::sleep_for(std::chrono::seconds(2));
             const double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-            if (t >= o.warmup + o.seconds - 0.25 * n)
+            if (t >= o.warmup + o.seconds)
                 break;
             double total = 0.0;
             for (const child& k : kids)
@@ -282,10 +293,12 @@ options parse(int argc, char** argv)
             o.seconds = std::max(1.0, std::atof(argv[++i]));
         } else if (a == "--load" && more) {
             o.load = std::atoi(argv[++i]);
+        } else if (a == "--stagger-ms" && more) {
+            o.stagger_ms = std::max(0, std::atoi(argv[++i]));
         } else {
             std::fprintf(stderr,
                          "usage: %s [--rasters 1080i50,2160p50,720p50] [--warmup S] [--seconds S] [--load N]\n"
-                         "       %s --channels 8,16,24,32 [--warmup S] [--seconds S]\n",
+                         "       %s --channels 8,16,24,32 [--warmup S] [--seconds S] [--stagger-ms MS]\n",
                          argv[0], argv[0]);
             std::exit(2);
         }

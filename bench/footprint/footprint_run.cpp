@@ -144,6 +144,12 @@ run_result run_one(const run_config& c)
 
     run_result res;
     GstElement* p = make_pipeline(c);
+    if (const char* clock = std::getenv("FOOTPRINT_CLOCK"); clock && std::strcmp(clock, "system") == 0) {
+        // The pipeline on the system clock instead of the one it would choose.
+        GstClock* sys = gst_system_clock_obtain();
+        gst_pipeline_use_clock(GST_PIPELINE(p), sys);
+        gst_object_unref(sys);
+    }
     auto t0 = steady::now();
     if (!set_and_wait(p, GST_STATE_READY)) {
         std::fprintf(stderr, "%s does not open\n", c.sink.c_str());
