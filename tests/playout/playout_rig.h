@@ -111,11 +111,14 @@ public:
         return pred();
     }
     // Waits (bounded by passes, not by time) until the loop has queued what it
-    // can for the next slot.
+    // can for the next slot. A board that does not stream yet takes no slot,
+    // however much is queued (a multi-plane board starts once the loop has
+    // primed all its buffers): the wait then lasts until it streams, so that
+    // a slow loop never sees its slots pass by unused.
     void settle() const
     {
         for (int i = 0; i < 200; ++i) {
-            if (board.sim().queued(board.path) >= 2)
+            if (board.sim().streaming(board.path) && board.sim().queued(board.path) >= 2)
                 return;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
