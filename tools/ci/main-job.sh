@@ -26,7 +26,7 @@ capture=$work/out.qvcap
 QVBOARDSIM="[board];kind=multi;video=/dev/qvsim-video1;mode=2;pacing=realtime;capture=$capture" \
 LD_PRELOAD=/usr/local/lib/libqvboardsim.so \
   qvjt-playout --v4l2 /dev/qvsim-video1 --mode 2 --audio-lines 2 --latency 500 --teletext \
-    --line-map "teletext=9-12;scte104=14" "$work/programme.ts"
+    --line-map "teletext=12-15;scte104=16" "$work/programme.ts"
 
 qvboardsim-inspect --anc "$capture" > "$work/report" || true
 echo "=== what the board sent: $(tail -n 1 "$work/report")"

@@ -117,6 +117,9 @@ private:
 struct playlist_outputs {
     GstAppSrc* video = nullptr;
     GstCaps* video_caps = nullptr; // the caps last set on `video`, touched by the pictures' thread only
+    // Set once the programme's first picture is out: a section event sent
+    // before it would make `video` send its segment before its caps.
+    std::atomic<bool> picture_out{false};
     std::vector<std::unique_ptr<sound_line>> lines;
     GstAppSrc* teletext = nullptr;
     // Cues are pushed from the application's thread straight into the
@@ -159,6 +162,8 @@ public:
             gst_object_unref(m_pPipeline);
         }
         for (GstEvent* e : m_pending)
+            gst_event_unref(e);
+        for (GstEvent* e : m_deferred)
             gst_event_unref(e);
     }
 
@@ -410,6 +415,8 @@ private:
         GST_BUFFER_DTS(out) = GST_CLOCK_TIME_NONE;
         GST_BUFFER_DURATION(out) = duration;
         GstFlowReturn r = gst_app_src_push_buffer(m_out.video, out);
+        if (!m_out.picture_out.load())
+            send_deferred_sections();
         // Lines this item has no sound for, or no more, are kept as long as the pictures.
         for (size_t k = 0; k < m_out.lines.size() && r == GST_FLOW_OK; ++k)
             if (!m_bLineHasSound[k] || line_ended(int(k)))
@@ -470,7 +477,28 @@ private:
             gst_structure_set(s, "running-time-map", GST_TYPE_STRUCTURE, map, nullptr);
             gst_structure_free(map);
         }
-        gst_element_send_event(GST_ELEMENT(m_out.video), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s));
+        GstEvent* out = gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s);
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (!m_out.picture_out.load()) {
+                m_deferred.push_back(out);
+                return;
+            }
+        }
+        gst_element_send_event(GST_ELEMENT(m_out.video), out);
+    }
+
+    // After the programme's first picture: the sections that waited for it.
+    void send_deferred_sections()
+    {
+        std::vector<GstEvent*> later;
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            m_out.picture_out = true;
+            later.swap(m_deferred);
+        }
+        for (GstEvent* e : later)
+            gst_element_send_event(GST_ELEMENT(m_out.video), e);
     }
 
     // The frame duration of caps, for pictures that come without one.
@@ -498,6 +526,7 @@ private:
     mutable std::mutex m_lock; // guards everything below that is not atomic
     std::vector<std::unique_ptr<stream>> m_streams;
     std::vector<GstEvent*> m_pending; // section events that came before the item started
+    std::vector<GstEvent*> m_deferred; // section events waiting for the programme's first picture
     bool m_bHasVideo = false;
     bool m_bHasTeletext = false;
     int m_nAudio = 0;
@@ -653,9 +682,8 @@ void playlist_source::send_splice_cue(uint64_t nBoundary)
         gst_buffer_fill(b, 1, data, n);
         GST_BUFFER_PTS(b) = nBoundary;
         if (!m_pOut->cue_started) {
-            gchar* id = gst_pad_create_stream_id(m_pOut->cue, nullptr, "splice-cues");
-            gst_pad_push_event(m_pOut->cue, gst_event_new_stream_start(id));
-            g_free(id);
+            // The pad has no element of its own to derive a stream id from.
+            gst_pad_push_event(m_pOut->cue, gst_event_new_stream_start("qvjt-playout/splice-cues"));
             GstCaps* caps = gst_caps_new_empty_simple("application/x-scte35");
             gst_pad_push_event(m_pOut->cue, gst_event_new_caps(caps));
             gst_caps_unref(caps);

@@ -38,7 +38,7 @@ int parse_options(int& argc, char**& argv, playout_options& o)
         {"v4l2", 'd', 0, G_OPTION_ARG_STRING, &v4l2, "Board output node (none: play without a board)", "PATH"},
         {"alsa", 'a', 0, G_OPTION_ARG_STRING, &alsa, "ALSA device beside a single-plane board", "NAME"},
         {"line-map", 0, 0, G_OPTION_ARG_STRING, &line_map,
-         "VBI/VANC lines of teletext and SCTE-104, as the element's \"line-map\", e.g. teletext=9-12;scte104=14",
+         "VBI/VANC lines of teletext and SCTE-104, as the element's \"line-map\", e.g. teletext=12-15;scte104=16",
          "MAP"},
         {"mode", 'm', 0, G_OPTION_ARG_INT, &o.mode, "SDI mode, as the element's \"mode\" property", "N"},
         {"seconds", 's', 0, G_OPTION_ARG_INT, &o.seconds,
