@@ -59,11 +59,12 @@ def frame_of_luma(luma, near):
     return best
 
 
-def build_ts(path, width, height, frames, teletext_units, cues, tones=(1000,)):
+def build_ts(path, width, height, frames, teletext_units, cues, tones=(1000,), picture=None):
     """Writes `frames` frames of 25i video (MPEG-2, interlaced coding), MP2 audio
     (a stream for each tone, in Hz), DVB teletext (one PES a frame from
     teletext_units(frame)) and SCTE-35 splice_insert cues [(event_id, splice
-    running time ns)] on their own PID."""
+    running time ns)] on their own PID. Picture f is picture(f) (I420 bytes)
+    or, by default, flat at luma_of(f)."""
     Gst.init(None)
     GstMpegts.initialize()
     desc = (
@@ -94,8 +95,10 @@ def build_ts(path, width, height, frames, teletext_units, cues, tones=(1000,)):
 
     mux.get_static_pad("sink_65").add_probe(Gst.PadProbeType.BUFFER, send_cues)
     y = width * height
-    feed(pipe, path, frames, lambda f: [("vsrc", bytes([luma_of(f)]) * y + bytes([128]) * (y // 2)),
-                                        ("tsrc", teletext_pes(f, teletext_units(f)))])
+    if picture is None:
+        def picture(f):
+            return bytes([luma_of(f)]) * y + bytes([128]) * (y // 2)
+    feed(pipe, path, frames, lambda f: [("vsrc", picture(f)), ("tsrc", teletext_pes(f, teletext_units(f)))])
     label_teletext(path)
 
 

@@ -31,9 +31,12 @@ LD_PRELOAD=/usr/local/lib/libqvboardsim.so \
 qvboardsim-inspect --anc "$capture" > "$work/report" || true
 echo "=== what the board sent: $(tail -n 1 "$work/report")"
 echo "--- SCTE-104 (the cue of the file, announced with its pre-roll)"
-grep -B 2 "scte104 " "$work/report" | grep -E "^#|scte104 " | head -n 4 || echo "none"
+# No reader here stops early: under pipefail, a writer cut off by `head`
+# fails the pipeline (SIGPIPE) and with it the job, now and then.
+cues=$(grep -B 2 "scte104 " "$work/report" | grep -E "^#|scte104 " | sed -n 1,4p || true)
+echo "${cues:-none}"
 echo "--- teletext (OP-47), first packets and count"
-grep "op47 teletext" "$work/report" | head -n 4 | sed 's/^ *//'
+grep -m 4 "op47 teletext" "$work/report" | sed 's/^ *//' || true
 echo "  $(grep -c "op47 teletext" "$work/report") teletext rows in all"
 echo "--- sound: the loudest peak of each line (dBFS, left/right)"
 awk '/ peaks=/ { sub(/.* peaks=/, ""); n = split($0, p, ",");
