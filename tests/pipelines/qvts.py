@@ -285,6 +285,12 @@ def run_player(script, build_dir, work, board, play_args, timeout=240):
     return json.loads(lines[-1][len("RESULT "):]), run.stdout
 
 
+def glib_warnings(console):
+    """GLib's own WARNING and CRITICAL lines: each means something was used
+    wrongly (events out of order, a bad reference)."""
+    return [ln for ln in console.splitlines() if "-WARNING **" in ln or "-CRITICAL **" in ln]
+
+
 def sim_env(build_dir, workdir, boards):
     """Environment for a child process playing into the simulated boards
     (QVBOARDSIM text), with the plug-in from the build tree, a private

@@ -36,7 +36,7 @@ def check(frames, audio, out, code):
     expect(restarts and restarts.group(1) == "0", f"play-out restarted: {restarts.group(0) if restarts else out[-300:]}")
     expect(re.search(r"skipping \S*missing\.mkv: no such file", out), "the missing file was not named")
     expect(re.search(r"skipping \S*sound-only\.mkv: no video stream", out), "the file without pictures was not named")
-    glib = [ln for ln in out.splitlines() if "-WARNING **" in ln or "-CRITICAL **" in ln]
+    glib = qvts.glib_warnings(out)
     expect(not glib, f"GLib warnings: {glib[:3]}")
 
     order = qvts.shown_frames(frames, 2)

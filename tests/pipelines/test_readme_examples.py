@@ -96,9 +96,7 @@ def run_example(kind, text, build_dir, work, n):
         failures.append(f"exit code {proc.returncode}: {out[-2000:]}")
     if "ERROR" in out and kind == "launch":
         failures.append(f"error on the bus: {out[-2000:]}")
-    # GLib's own warnings mean something was used wrongly (events out of
-    # order, a bad reference): none is acceptable in an example.
-    glib = [ln for ln in out.splitlines() if "-WARNING **" in ln or "-CRITICAL **" in ln]
+    glib = qvts.glib_warnings(out)
     if glib:
         failures.append("GLib warnings: " + " | ".join(glib[:3]))
     frames, _ = qvts.read_capture(build_dir, cap) if os.path.exists(cap) else ([], None)

@@ -163,8 +163,6 @@ public:
         }
         for (GstEvent* e : m_pending)
             gst_event_unref(e);
-        for (GstEvent* e : m_deferred)
-            gst_event_unref(e);
     }
 
     const std::string& entry() const { return m_entry; }
@@ -242,7 +240,8 @@ public:
             std::lock_guard<std::mutex> guard(m_lock);
             m_nBase = base;
             m_bStarted = true;
-            pending.swap(m_pending);
+            if (m_out.picture_out.load())
+                pending.swap(m_pending);
         }
         for (GstEvent* e : pending)
             forward_section(e);
@@ -416,7 +415,7 @@ private:
         GST_BUFFER_DURATION(out) = duration;
         GstFlowReturn r = gst_app_src_push_buffer(m_out.video, out);
         if (!m_out.picture_out.load())
-            send_deferred_sections();
+            send_held_sections();
         // Lines this item has no sound for, or no more, are kept as long as the pictures.
         for (size_t k = 0; k < m_out.lines.size() && r == GST_FLOW_OK; ++k)
             if (!m_bLineHasSound[k] || line_ended(int(k)))
@@ -450,7 +449,7 @@ private:
             return GST_PAD_PROBE_OK;
         {
             std::lock_guard<std::mutex> guard(self->m_lock);
-            if (!self->m_bStarted) {
+            if (!self->m_bStarted || !self->m_out.picture_out.load()) {
                 self->m_pending.push_back(gst_event_ref(event));
                 return GST_PAD_PROBE_OK;
             }
@@ -477,28 +476,20 @@ private:
             gst_structure_set(s, "running-time-map", GST_TYPE_STRUCTURE, map, nullptr);
             gst_structure_free(map);
         }
-        GstEvent* out = gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s);
-        {
-            std::lock_guard<std::mutex> guard(m_lock);
-            if (!m_out.picture_out.load()) {
-                m_deferred.push_back(out);
-                return;
-            }
-        }
-        gst_element_send_event(GST_ELEMENT(m_out.video), out);
+        gst_element_send_event(GST_ELEMENT(m_out.video), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s));
     }
 
-    // After the programme's first picture: the sections that waited for it.
-    void send_deferred_sections()
+    // After the programme's first picture: the sections held for it.
+    void send_held_sections()
     {
-        std::vector<GstEvent*> later;
+        std::vector<GstEvent*> held;
         {
             std::lock_guard<std::mutex> guard(m_lock);
             m_out.picture_out = true;
-            later.swap(m_deferred);
+            held.swap(m_pending);
         }
-        for (GstEvent* e : later)
-            gst_element_send_event(GST_ELEMENT(m_out.video), e);
+        for (GstEvent* e : held)
+            forward_section(e);
     }
 
     // The frame duration of caps, for pictures that come without one.
@@ -525,8 +516,9 @@ private:
 
     mutable std::mutex m_lock; // guards everything below that is not atomic
     std::vector<std::unique_ptr<stream>> m_streams;
-    std::vector<GstEvent*> m_pending; // section events that came before the item started
-    std::vector<GstEvent*> m_deferred; // section events waiting for the programme's first picture
+    // Section events that came before the item started, or before the
+    // programme's first picture.
+    std::vector<GstEvent*> m_pending;
     bool m_bHasVideo = false;
     bool m_bHasTeletext = false;
     int m_nAudio = 0;
